@@ -1,0 +1,42 @@
+# Thin wrapper over CMake/CTest. `make test` is what CI runs.
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+BUILD_TYPE ?= RelWithDebInfo
+
+export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
+
+.PHONY: all deps build test test-plain test-asan bench clean
+
+all: build
+
+deps:
+	scripts/install-deps
+
+build: deps
+	cmake -S . -B build -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+	cmake --build build -j$(JOBS)
+
+# The whole suite twice: a plain build, then AddressSanitizer +
+# UndefinedBehaviorSanitizer in a build directory of its own.
+test: deps
+	$(MAKE) test-plain
+	$(MAKE) test-asan
+
+test-plain:
+	cmake -S . -B build -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+	cmake --build build -j$(JOBS)
+	cd build && ctest --output-on-failure -j$(JOBS)
+
+test-asan:
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKESTR_SANITIZE=address,undefined
+	cmake --build build-asan -j$(JOBS)
+	cd build-asan && ctest --output-on-failure -j$(JOBS)
+
+bench: deps
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKESTR_BUILD_TESTS=OFF -DKESTR_BUILD_BENCH=ON
+	cmake --build build-bench -j$(JOBS)
+	@for b in build-bench/bin/bench_*; do [ -x "$$b" ] && "$$b" || exit 1; done
+
+clean:
+	rm -rf build build-asan build-tsan build-bench

@@ -1,0 +1,216 @@
+#include "protocol/19051_msg.h"
+
+#include <arpa/inet.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "port/common/bytes.h"
+#include "port/common/common.h"
+#include "port/common/unique_fd.h"
+#include "port/util.h"
+
+namespace {
+
+// The receive socket. Written only by MsgInit/MsgUninit on the main thread,
+// before the receive task starts and after it has been joined.
+int sock = -1;
+
+// An interface request naming `name`, cut to IFNAMSIZ - 1 characters.
+void name_request(struct ifreq* ifr, const char* name) {
+    std::memset(ifr, 0, sizeof *ifr);
+    std::strncpy(ifr->ifr_name, name, IFNAMSIZ - 1);
+}
+
+}  // namespace
+
+void IEEE19051_MsgInit(char* interface) {
+    sock = IEEE19051_RecvSockCreate(interface, kIeee1905EtherType);
+}
+
+void IEEE19051_MsgUninit() {
+    if (sock != -1) {
+        close(sock);
+        sock = -1;
+    }
+}
+
+int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType) {
+    static const char* const fn = "IEEE19051_RecvSockCreate";
+    struct sockaddr_ll addr {};
+    addr.sll_family = AF_PACKET;
+    addr.sll_protocol = htons(etherType);
+    addr.sll_ifindex = 0;
+    addr.sll_hatype = ARPHRD_ETHER;
+    addr.sll_pkttype = PACKET_OTHERHOST;
+    addr.sll_halen = ETH_ALEN;
+
+    if (ifName == nullptr || ifName[0] == '\0') {
+        std::fprintf(stderr, "%s: Empty interface name\n", fn);
+        return -1;
+    }
+    kestr::UniqueFd fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(etherType)));
+    if (!fd.valid()) {
+        std::fprintf(stderr, "%s: socket(): %s, try running with sudo.\n", fn, strerror(errno));
+        return -1;
+    }
+
+    struct ifreq ifr;
+    name_request(&ifr, ifName);
+    if (ioctl(fd.get(), SIOCGIFINDEX, &ifr) < 0) {
+        std::fprintf(stderr, "%s: ioctl index: %s\n", fn, strerror(errno));
+        return -1;
+    }
+    addr.sll_ifindex = ifr.ifr_ifindex;
+    if (ioctl(fd.get(), SIOCGIFHWADDR, &ifr) < 0) {
+        std::fprintf(stderr, "%s: ioctl hwaddr: %s\n", fn, strerror(errno));
+        return -1;
+    }
+    static_assert(sizeof addr.sll_addr == 8, "link-layer address field is 8 bytes");
+    std::memcpy(addr.sll_addr, ifr.ifr_hwaddr.sa_data, sizeof addr.sll_addr);
+    if (bind(fd.get(), reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) < 0) {
+        std::fprintf(stderr, "%s: bind:%s\n", fn, strerror(errno));
+        return -1;
+    }
+    if (ioctl(fd.get(), SIOCGIFFLAGS, &ifr) < 0) {
+        std::fprintf(stderr, "%s: ioctl get flags:%s\n", fn, strerror(errno));
+        return -1;
+    }
+    // Bring the interface up; promiscuous and all-multicast modes stay as
+    // they are.
+    ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP | IFF_BROADCAST | IFF_MULTICAST);
+    if (ioctl(fd.get(), SIOCSIFFLAGS, &ifr) < 0) {
+        std::fprintf(stderr, "%s: ioctl set flags:%s\n", fn, strerror(errno));
+        return -1;
+    }
+    return fd.release();
+}
+
+int IEEE19051_RecvMsg(const char* /*ifName*/, uint8_t* buf, int buf_len, unsigned int timeout_sec) {
+    static const char* const fn = "IEEE19051_RecvMsg";
+    if (sock < 0) return -1;
+    if (buf == nullptr || buf_len <= 0) return -1;
+    if (read_timeout(sock, timeout_sec) != 0) return -1;
+
+    const ssize_t n = read(sock, buf, static_cast<size_t>(buf_len));
+    if (n < 0) {
+        std::fprintf(stderr, "Read response failure: %s\n", strerror(errno));
+        return -1;
+    }
+    // A frame too short to hold an EtherType is refused on its length alone,
+    // so no byte beyond what was read is ever examined.
+    if (n >= kEtherHeaderLen) {
+        const uint16_t type = kestr::load_be16(buf + 12);
+        if (type != kIeee1905EtherType) {
+            std::fprintf(stderr,
+                         "%s: Not an IEEE1905.1 EtherType (received 0x%04X, expected 0x%04X)", fn,
+                         type, kIeee1905EtherType);
+            return -1;
+        }
+    }
+    if (n < kCmduMinFrameLen) {
+        std::fprintf(stderr, "%s: Bad length of the frame: %d\n", fn, static_cast<int>(n));
+        return -1;
+    }
+    if (buf[14] != 0) {
+        std::fprintf(stderr, "%s: Unsupported version: %d\n", fn, buf[14]);
+        return -1;
+    }
+    return static_cast<int>(n);
+}
+
+int fillParam(param_t* pparam, int sockfd, const char* da_str, const char* tx_interface,
+              const int mid) {
+    if (pparam == nullptr) return -1;
+    pparam->mid = mid;
+    mac_str_to_etheraddr(da_str, &pparam->da);
+    if (tx_interface == nullptr) return 0;
+
+    struct ifreq ifr;
+    name_request(&ifr, tx_interface);
+    if (ioctl(sockfd, SIOCGIFHWADDR, &ifr) < 0) {
+        std::puts("Error running ioctl/SIOCGIFHWADDR");
+        return -1;
+    }
+    std::memcpy(pparam->sa.ether_addr_octet, ifr.ifr_hwaddr.sa_data, ETH_ALEN);
+
+    name_request(&ifr, tx_interface);
+    if (ioctl(sockfd, SIOCGIFINDEX, &ifr) < 0) {
+        std::puts("Error running ioctl/SIOCGIFINDEX");
+        return -1;
+    }
+    pparam->tx_idx = ifr.ifr_ifindex;
+    return 0;
+}
+
+int sendPacket(int sockfd, struct ether_addr sa, const void* packet, const int num_bytes,
+               const int tx_idx) {
+    if (packet == nullptr || num_bytes <= 0) return -1;
+
+    struct sockaddr_ll to {};
+    to.sll_family = AF_PACKET;
+    to.sll_protocol = htons(kIeee1905EtherType);
+    to.sll_ifindex = tx_idx;
+    to.sll_halen = ETH_ALEN;
+    std::memcpy(to.sll_addr, sa.ether_addr_octet, ETH_ALEN);
+
+    // Short frames are padded here, in a buffer of our own, so the caller's
+    // buffer is never read past the length it gave.
+    uint8_t padded[kMinEtherFrameLen] = {};
+    const void* out = packet;
+    size_t len = static_cast<size_t>(num_bytes);
+    if (num_bytes < kMinEtherFrameLen) {
+        std::memcpy(padded, packet, static_cast<size_t>(num_bytes));
+        out = padded;
+        len = sizeof padded;
+    }
+    if (sendto(sockfd, out, len, 0, reinterpret_cast<const struct sockaddr*>(&to), sizeof to) < 0) {
+        std::fprintf(stderr, "Error running sendto()\n");
+        return -1;
+    }
+    return 0;
+}
+
+int IEEE19051_GetEtherType(u_int8_t* buf) {
+    if (buf == nullptr) return -1;
+    return kestr::load_be16(buf + 12);
+}
+
+int IEEE19051_GetType(u_int8_t* buf) {
+    if (buf == nullptr) return -1;
+    return kestr::load_be16(buf + 16);
+}
+
+int IEEE19051_GetMid(u_int8_t* buf) {
+    if (buf == nullptr) return -1;
+    return kestr::load_be16(buf + 18);
+}
+
+u_int8_t IEEE19051_GetFlags(u_int8_t* buf) {
+    if (buf == nullptr) return 255;
+    return buf[21];
+}
+
+int IEEE19051_GetEtherSmac(u_int8_t* buf, struct ether_addr* mac) {
+    if (buf == nullptr || mac == nullptr) return -1;
+    std::memcpy(mac->ether_addr_octet, buf + 6, ETH_ALEN);
+    return 0;
+}
+
+int IEEE19051_GetEtherDmac(u_int8_t* buf, struct ether_addr* mac) {
+    if (buf == nullptr || mac == nullptr) return -1;
+    std::memcpy(mac->ether_addr_octet, buf, ETH_ALEN);
+    return 0;
+}
+
+uint16_t IEEE19051_MeidaType(ieee1905MediaType_e type, int desc) {
+    return static_cast<uint16_t>((static_cast<unsigned>(type) << 8) |
+                                 (static_cast<unsigned>(desc) & 0xFF));
+}
