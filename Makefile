@@ -5,8 +5,9 @@ BUILD_TYPE ?= RelWithDebInfo
 
 export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: all deps build test test-plain test-asan bench clean
+.PHONY: all deps build test test-plain test-asan test-tsan bench clean
 
 all: build
 
@@ -18,10 +19,12 @@ build: deps
 	cmake --build build -j$(JOBS)
 
 # The whole suite twice: a plain build, then AddressSanitizer +
-# UndefinedBehaviorSanitizer in a build directory of its own.
+# UndefinedBehaviorSanitizer in a build directory of its own; then the
+# threaded tests once more under ThreadSanitizer.
 test: deps
 	$(MAKE) test-plain
 	$(MAKE) test-asan
+	$(MAKE) test-tsan
 
 test-plain:
 	cmake -S . -B build -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
@@ -32,6 +35,11 @@ test-asan:
 	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKESTR_SANITIZE=address,undefined
 	cmake --build build-asan -j$(JOBS)
 	cd build-asan && ctest --output-on-failure -j$(JOBS)
+
+test-tsan:
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DKESTR_SANITIZE=thread
+	cmake --build build-tsan -j$(JOBS)
+	cd build-tsan && ctest --output-on-failure -j$(JOBS) -L threads
 
 bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKESTR_BUILD_TESTS=OFF -DKESTR_BUILD_BENCH=ON
