@@ -97,15 +97,24 @@ pugi::xml_node find_member(pugi::xml_node parent, const char* name, unsigned ind
     return c;
 }
 
-// A new last member of the list `name`, next to the existing ones.
-pugi::xml_node append_member(pugi::xml_node parent, const char* name) {
+// Member `index` of the list `name`, made together with any missing members
+// before it; new members go right after the existing ones. Returns the member
+// and adds the number of nodes made to `created`.
+pugi::xml_node make_member(pugi::xml_node parent, const char* name, unsigned index,
+                           size_t& created) {
     pugi::xml_node last;
-    for (pugi::xml_node c = parent.child(name); c; c = c.next_sibling(name))
+    unsigned have = 0;
+    for (pugi::xml_node c = parent.child(name); c && have < index; c = c.next_sibling(name)) {
         last = c;
-    pugi::xml_node node = last ? parent.insert_child_after(pugi::node_element, last)
-                               : parent.append_child(pugi::node_element);
-    node.set_name(name);
-    return node;
+        ++have;
+    }
+    for (; have < index; ++have) {
+        last = last ? parent.insert_child_after(pugi::node_element, last)
+                    : parent.append_child(pugi::node_element);
+        last.set_name(name);
+        ++created;
+    }
+    return last;
 }
 
 bool is_text(pugi::xml_node n) {
@@ -167,14 +176,10 @@ size_t merge_children(pugi::xml_node dst, pugi::xml_node src) {
     for (pugi::xml_node c = src.first_child(); c; c = c.next_sibling()) {
         if (c.type() != pugi::node_element)
             continue;
+        // The k-th element of a name in the file is member k; earlier ones
+        // were merged first, so at most this one member is new.
         const unsigned k = ++seen[c.name()];
-        pugi::xml_node member = find_member(dst, c.name(), k);
-        if (!member) {
-            // Earlier siblings of this name were merged first, so member k
-            // is the next one to make.
-            member = append_member(dst, c.name());
-            ++created;
-        }
+        pugi::xml_node member = make_member(dst, c.name(), k, created);
         if (has_text(c) || !has_elements(c))
             set_value(member, value_of(c));
         created += merge_children(member, c);
@@ -231,13 +236,8 @@ bool ConfigTree::set(std::string_view path, std::string_view value) {
         return false;
 
     node = root_;
-    for (const Step& s : steps) {
-        for (size_t have = count_members(node, s.name.c_str()); have < s.index; ++have) {
-            append_member(node, s.name.c_str());
-            ++nodes_;
-        }
-        node = find_member(node, s.name.c_str(), s.index);
-    }
+    for (const Step& s : steps)
+        node = make_member(node, s.name.c_str(), s.index, nodes_);
     set_value(node, std::string(value));
     return true;
 }
@@ -277,6 +277,15 @@ pugi::xml_node parse_checked(pugi::xml_document& doc, std::string_view xml, size
     pugi::xml_node root = doc.document_element();
     if (!root) {
         *error = "no root element";
+        return {};
+    }
+    size_t roots = 0;
+    for (pugi::xml_node n = doc.first_child(); n; n = n.next_sibling()) {
+        if (n.type() == pugi::node_element)
+            ++roots;
+    }
+    if (roots > 1) {
+        *error = "more than one root element";
         return {};
     }
     size_t elements = 0;
