@@ -115,159 +115,98 @@ std::string scratch_socket() {
     return "/tmp/kestr-xmldbc-" + std::to_string(getpid()) + ".sock";
 }
 
-// Every entry point: what goes on the wire for each, and what each makes of
-// the scripted answer.
-TEST(XmldbClient, WireVectorsAndReplyPatterns) {
+// A request as it must appear on the wire: header, text, NUL.
+std::string wire(uint16_t action, uint32_t flags, const std::string& arg) {
+    return header(action, static_cast<uint16_t>(arg.size() + 1), flags) + arg +
+           std::string(1, '\0');
+}
+
+// What each entry point sends.
+TEST(XmldbClient, RequestBytes) {
     const std::string path = scratch_socket();
     const char* sn = path.c_str();
-    const std::string long_value(600, 'v');
-    const std::string cut = "/n " + std::string(507, 'v');  // 510 characters
+    char b[8];
+    const std::string v600(600, 'v');
+    struct Case {
+        std::function<long()> call;
+        std::string request;
+    };
+    // clang-format off
+    const Case cases[] = {
+        {[&] { return xmldbc_get(sn, 7, "/a/b", nullptr); },          wire(1, 7, "/a/b")},
+        {[&] { return xmldbc_get_wb(sn, 0, "/a", b, sizeof b); },     wire(1, 0, "/a")},
+        {[&] { return xmldbc_set(sn, 0, "/a/ssid", "my net"); },      wire(2, 0, "/a/ssid my net")},
+        {[&] { return xmldbc_set(sn, 0, "/a", ""); },                 wire(2, 0, "/a ")},
+        {[&] { return xmldbc_set(sn, 0, "/n", v600.c_str()); },       wire(2, 0, "/n " + v600.substr(0, 507))},
+        {[&] { return xmldbc_del(sn, 3, "/a"); },                     wire(3, 3, "/a")},
+        {[&] { return xmldbc_reload(sn, 0, "/r"); },                  wire(4, 0, "/r")},
+        {[&] { return xmldbc_dump(sn, 0, "/d"); },                    wire(5, 0, "/d")},
+        {[&] { return xmldbc_read(sn, 0, "/r"); },                    wire(6, 0, "/r")},
+        {[&] { return xmldbc_patch(sn, 0, "/p"); },                   wire(7, 0, "/p")},
+        {[&] { return xmldbc_ephp(sn, 0, "/e", nullptr); },           wire(10, 0, "/e")},
+        {[&] { return xmldbc_ephp_wb(sn, 0, "/e", b, sizeof b); },    wire(10, 0, "/e")},
+        {[&] { return xmldbc_setext(sn, 0, "/a", "cmd x"); },         wire(11, 0, "/a cmd x")},
+        {[&] { return xmldbc_getext(sn, 0, "/a", "c", nullptr); },    wire(12, 0, "/a c")},
+        {[&] { return xmldbc_timer(sn, 0, "t 5"); },                  wire(13, 0, "t 5")},
+        {[&] { return xmldbc_killtimer(sn, 0, "tag"); },              wire(14, 0, "tag")},
+        {[&] { return xmldbc_write(sn, 0, "/w", nullptr); },          wire(15, 0, "/w")},
+    };
+    // clang-format on
+    for (const auto& c : cases) {
+        // A status header with retcode 0 reads as an empty text as well.
+        ScriptedDaemon daemon(path, {status(0)});
+        ASSERT_TRUE(daemon.ok());
+        EXPECT_EQ(c.call(), 0) << c.request.substr(12);
+        EXPECT_EQ(daemon.request(), c.request);
+    }
+}
+
+// What each reply pattern makes of the daemon's answer.
+TEST(XmldbClient, ReplyPatterns) {
+    const std::string path = scratch_socket();
+    enum Pattern { Buffer, Stream, Status };
     struct Case {
         const char* what;
-        std::vector<std::string> reply;
-        std::function<long(char* buf, size_t size, FILE* out)> call;
-        std::string request;
+        Pattern pattern;
+        std::vector<std::string> pieces;
         long result;
-        std::string text;  // buffer contents or stream output
+        std::string text;  // the buffer, or what reached the stream
     };
+    using S = std::string;
+    // clang-format off
     const Case cases[] = {
-        {"get in two pieces",
-         {"wind ", std::string("over\0", 5)},
-         [&](char* b, size_t s, FILE*) { return xmldbc_get_wb(sn, 7, "/a/b", b, s); },
-         header(1, 5, 7) + std::string("/a/b\0", 5),
-         0,
-         "wind over"},
-        {"get answered with an empty text",
-         {std::string("\0", 1)},
-         [&](char* b, size_t s, FILE*) { return xmldbc_get_wb(sn, 0, "/x", b, s); },
-         header(1, 3, 0) + std::string("/x\0", 3),
-         0,
-         ""},
-        {"get closed without an answer",
-         {},
-         [&](char* b, size_t s, FILE*) { return xmldbc_get_wb(sn, 0, "/x", b, s); },
-         header(1, 3, 0) + std::string("/x\0", 3),
-         0,
-         "untouched"},
-        {"get filling the buffer without NUL is cut inside it",
-         {std::string(40, 'z')},
-         [&](char* b, size_t, FILE*) { return xmldbc_get_wb(sn, 0, "/x", b, 16); },
-         header(1, 3, 0) + std::string("/x\0", 3),
-         0,
-         std::string(15, 'z')},
-        {"ephp into a buffer",
-         {std::string("page\0", 5)},
-         [&](char* b, size_t s, FILE*) { return xmldbc_ephp_wb(sn, 0, "/f.php", b, s); },
-         header(10, 7, 0) + std::string("/f.php\0", 7),
-         0,
-         "page"},
-        {"set",
-         {status(0)},
-         [&](char*, size_t, FILE*) { return xmldbc_set(sn, 0, "/a/ssid", "my net"); },
-         header(2, 15, 0) + std::string("/a/ssid my net\0", 15),
-         0,
-         "untouched"},
-        {"set with an empty value keeps the blank",
-         {status(0)},
-         [&](char*, size_t, FILE*) { return xmldbc_set(sn, 0, "/a", ""); },
-         header(2, 4, 0) + std::string("/a \0", 4),
-         0,
-         "untouched"},
-        {"set longer than 510 characters is cut",
-         {status(0)},
-         [&](char*, size_t, FILE*) { return xmldbc_set(sn, 0, "/n", long_value.c_str()); },
-         header(2, 511, 0) + cut + std::string(1, '\0'),
-         0,
-         "untouched"},
-        {"status passes the daemon's retcode",
-         {status(-7)},
-         [&](char*, size_t, FILE*) { return xmldbc_del(sn, 3, "/a"); },
-         header(3, 3, 3) + std::string("/a\0", 3),
-         -7,
-         "untouched"},
-        {"status reply shorter than a header",
-         {std::string(6, '\0')},
-         [&](char*, size_t, FILE*) { return xmldbc_dump(sn, 0, "/tmp/d"); },
-         header(5, 7, 0) + std::string("/tmp/d\0", 7),
-         -1,
-         "untouched"},
-        {"reload",
-         {status(0)},
-         [&](char*, size_t, FILE*) { return xmldbc_reload(sn, 0, "/r"); },
-         header(4, 3, 0) + std::string("/r\0", 3),
-         0,
-         "untouched"},
-        {"read",
-         {status(0)},
-         [&](char*, size_t, FILE*) { return xmldbc_read(sn, 0, "/r"); },
-         header(6, 3, 0) + std::string("/r\0", 3),
-         0,
-         "untouched"},
-        {"patch",
-         {status(0)},
-         [&](char*, size_t, FILE*) { return xmldbc_patch(sn, 0, "/p"); },
-         header(7, 3, 0) + std::string("/p\0", 3),
-         0,
-         "untouched"},
-        {"setext",
-         {status(0)},
-         [&](char*, size_t, FILE*) { return xmldbc_setext(sn, 0, "/a", "cmd x"); },
-         header(11, 9, 0) + std::string("/a cmd x\0", 9),
-         0,
-         "untouched"},
-        {"timer",
-         {status(0)},
-         [&](char*, size_t, FILE*) { return xmldbc_timer(sn, 0, "t 5"); },
-         header(13, 4, 0) + std::string("t 5\0", 4),
-         0,
-         "untouched"},
-        {"killtimer",
-         {status(0)},
-         [&](char*, size_t, FILE*) { return xmldbc_killtimer(sn, 0, "tag"); },
-         header(14, 4, 0) + std::string("tag\0", 4),
-         0,
-         "untouched"},
-        {"get to a stream stops at the NUL",
-         {"abc", std::string("def\0junk\0", 9)},
-         [&](char*, size_t, FILE* out) { return xmldbc_get(sn, 0, "/g", out); },
-         header(1, 3, 0) + std::string("/g\0", 3),
-         0,
-         "abcdef"},
-        {"ephp to a stream",
-         {std::string("<p/>\0", 5)},
-         [&](char*, size_t, FILE* out) { return xmldbc_ephp(sn, 0, "/e", out); },
-         header(10, 3, 0) + std::string("/e\0", 3),
-         0,
-         "<p/>"},
-        {"getext to a stream",
-         {std::string("r\0", 2)},
-         [&](char*, size_t, FILE* out) { return xmldbc_getext(sn, 0, "/a", "c", out); },
-         header(12, 5, 0) + std::string("/a c\0", 5),
-         0,
-         "r"},
-        // Only a piece that ends in NUL is cut at its first NUL.
-        {"write to a stream, inner NUL kept, reply ended by close",
-         {std::string("par\0tial", 8)},
-         [&](char*, size_t, FILE* out) { return xmldbc_write(sn, 0, "/w", out); },
-         header(15, 3, 0) + std::string("/w\0", 3),
-         0,
-         std::string("par\0tial", 8)},
+        {"text in two pieces", Buffer, {"wind ", S("over\0", 5)}, 0, "wind over"},
+        {"empty text", Buffer, {S("\0", 1)}, 0, ""},
+        {"closed without an answer", Buffer, {}, 0, "untouched"},
+        {"no NUL within the buffer: cut in its last byte", Buffer, {S(40, 'z')}, 0, S(15, 'z')},
+        {"text stops at the first NUL of a piece ending in NUL", Stream, {"abc", S("def\0junk\0", 9)}, 0, "abcdef"},
+        {"a piece with an inner NUL goes whole", Stream, {S("par\0tial", 8)}, 0, S("par\0tial", 8)},
+        {"retcode passed through", Status, {status(-7)}, -7, ""},
+        {"status in pieces: only the first read counts", Status, {S(6, '\0'), S(6, '\0')}, -1, ""},
+        {"closed without a status", Status, {}, -1, ""},
     };
+    // clang-format on
     for (const auto& c : cases) {
-        ScriptedDaemon daemon(path, c.reply);
+        ScriptedDaemon daemon(path, c.pieces);
         ASSERT_TRUE(daemon.ok());
-        char buf[64] = "untouched";
-        char* stream_text = nullptr;
-        size_t stream_size = 0;
-        FILE* out = open_memstream(&stream_text, &stream_size);
-        const long result = c.call(buf, sizeof buf, out);
+        char buf[16] = "untouched";
+        char* streamed = nullptr;
+        size_t streamed_size = 0;
+        FILE* out = open_memstream(&streamed, &streamed_size);
+        long result = 0;
+        if (c.pattern == Buffer) {
+            result = xmldbc_get_wb(path.c_str(), 0, "/x", buf, sizeof buf);
+        } else if (c.pattern == Stream) {
+            result = xmldbc_get(path.c_str(), 0, "/x", out);
+        } else {
+            result = xmldbc_del(path.c_str(), 0, "/x");
+        }
         std::fclose(out);
-        EXPECT_EQ(daemon.request(), c.request) << c.what;
         EXPECT_EQ(result, c.result) << c.what;
-        EXPECT_EQ(stream_size > 0 ? std::string(stream_text, stream_size) : std::string(buf),
-                  c.text)
-            << c.what;
-        std::free(stream_text);
+        const std::string seen =
+            c.pattern == Buffer ? std::string(buf) : std::string(streamed, streamed_size);
+        EXPECT_EQ(seen, c.pattern == Status ? "" : c.text) << c.what;
+        std::free(streamed);
     }
 }
 
