@@ -68,6 +68,9 @@ class MessageEncoder {
 int write_single(wscTLV_t* tlv, int maxlen, u_int16_t id, const u_int8_t* value, size_t len) {
     if (tlv == nullptr || maxlen < 0 || len > kMaxTlvValue)
         return 0;
+    // Nothing at all is written unless the whole attribute fits.
+    if (static_cast<size_t>(maxlen) < kWscAttrHeaderLen + len)
+        return 0;
     kestr::ByteWriter w(tlv, static_cast<size_t>(maxlen));
     w.u16(id).u16(static_cast<u_int16_t>(len)).bytes(value, len);
     return w.ok() ? static_cast<int>(w.size()) : 0;
