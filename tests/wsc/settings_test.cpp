@@ -5,10 +5,12 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "protocol/19051_parse_wsc.h"
@@ -425,6 +427,37 @@ TEST(SealedSettings, PlaintextReaderTakesWhatItKnows) {
     EXPECT_EQ(mask_line_numbers(out.out),
               mask_line_numbers(
                   error_line("wsc", "parse_wsc_encrypted_settings_plain", 0, "parameter error\n")));
+}
+
+// Registrations share nothing but the random source and the digest the
+// library looks up once; several at a time must each still open.
+TEST(SealedSettings, ExchangesRunInParallel) {
+    std::atomic<int> opened{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&opened, t] {
+            for (int i = 0; i < 10; ++i) {
+                Exchange x;
+                make_m1(x);
+                make_m2(x, band_settings("net" + std::to_string(t), 0x0022, 0x000C, "secret-key"));
+                wsc_encrypted_settings_t got;
+                wsc_configuration_t m2;
+                std::memset(&m2, 0, sizeof m2);
+                IEEE19051_ParseTlvWsc(reinterpret_cast<ieee1905TLV_t*>(x.m2.data()), &m2);
+                Bytes a = x.m1_attrs(), b = x.m2_attrs();
+                std::memset(&got, 0, sizeof got);
+                if (IEEE19051_ParseTlvWscEncryptedSettings(
+                        &m2, x.enrollee, x.mac.data(), &got, a.data(), static_cast<int>(a.size()),
+                        b.data(), static_cast<int>(b.size())) == 0 &&
+                    value(got.ssid) == Bytes{'n', 'e', 't', static_cast<uint8_t>('0' + t)}) {
+                    opened.fetch_add(1);
+                }
+            }
+        });
+    }
+    for (auto& th : threads)
+        th.join();
+    EXPECT_EQ(opened.load(), 40);
 }
 
 }  // namespace
