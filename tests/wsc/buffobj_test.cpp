@@ -14,8 +14,7 @@ using kestr::test::capture_output;
 
 std::vector<uint8> pattern(size_t n, uint8 seed) {
     std::vector<uint8> v(n);
-    for (size_t i = 0; i < n; ++i)
-        v[i] = static_cast<uint8>(seed + i);
+    for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8>(seed + i);
     return v;
 }
 
@@ -68,8 +67,7 @@ TEST(BuffObj, WrappedStorageBecomesAnOwnedCopy) {
     EXPECT_NE(b->pBase, caller);
     EXPECT_EQ(at, b->pBase);
     EXPECT_EQ(0, std::memcmp(b->pBase, data.data(), 40));
-    for (uint8 c : caller)
-        EXPECT_EQ(c, 0x5A);
+    for (uint8 c : caller) EXPECT_EQ(c, 0x5A);
     buffobj_del(b);
 
     // Bytes before the cursor are carried over; a wrapper that is still too
