@@ -1,0 +1,169 @@
+// The WSC TLV of the 1905.1 parse module: reading M1 and M2, and opening
+// the registrar's sealed settings on the enrollee.
+#define KESTR_REPORT_MODULE "19051_parse"
+
+#include "protocol/19051_parse_wsc.h"
+
+#include <openssl/crypto.h>
+
+#include <cstring>
+
+#include "port/common/bytes.h"
+#include "port/common/report.h"
+#include "wsc/encrypt/encrypt.h"
+#include "wsc/encrypt/secret.h"
+#include "wsc/encrypt/wps_openssl.h"
+
+namespace {
+
+constexpr int kIvLen = 16;
+constexpr int kAuthLen = 8;                                 // KWA and Authenticator
+constexpr int kAuthAttrLen = kWscAttrHeaderLen + kAuthLen;  // 12
+constexpr int kPlainWorkLen = 1024;
+constexpr int kAuthInputMax = 10240;  // M1 and M2 together, far above two CMDUs
+
+// Each known attribute and the parser of its field, by the width of its value.
+using Parser = int (*)(u_int8_t*, wsc_configuration_t*);
+
+template <typename Tlv, int (*Parse)(Tlv*, wsc_configuration_t*)>
+int as(u_int8_t* attribute, wsc_configuration_t* c) {
+    return Parse(reinterpret_cast<Tlv*>(attribute), c);
+}
+
+struct ParserRow {
+    u_int16_t id;
+    Parser parse;
+};
+
+constexpr ParserRow kParsers[] = {
+    {WSC_ID_VERSION, as<wscTLV_uint8_t, parse_wsc_tlv_version>},
+    {WSC_ID_MSG_TYPE, as<wscTLV_uint8_t, parse_wsc_message_type>},
+    {WSC_ID_UUID_E, as<wscTLV_t, parse_wsc_UUIDE>},
+    {WSC_ID_MAC_ADDR, as<wscTLV_t, parse_wsc_mac>},
+    {WSC_ID_ENROLLEE_NONCE, as<wscTLV_t, parse_wsc_enrollee_nonce>},
+    {WSC_ID_REGISTRAR_NONCE, as<wscTLV_t, parse_wsc_registrar_nonce>},
+    {WSC_ID_PUBLIC_KEY, as<wscTLV_t, parse_wsc_public_key>},
+    {WSC_ID_AUTH_TYPE_FLAGS, as<wscTLV_uint16_t, parse_wsc_authentication_type_flags>},
+    {WSC_ID_ENCR_TYPE_FLAGS, as<wscTLV_uint16_t, parse_wsc_encryption_type_flags>},
+    {WSC_ID_CONN_TYPE_FLAGS, as<wscTLV_uint8_t, parse_wsc_connectioin_type_flags>},
+    {WSC_ID_CONFIG_METHODS, as<wscTLV_uint16_t, parse_wsc_configuration_methods>},
+    {WSC_ID_WSC_STATE, as<wscTLV_uint8_t, parse_wsc_wifi_simple_configuration_state>},
+    {WSC_ID_MANUFACTURER, as<wscTLV_t, parse_wsc_manufacturer>},
+    {WSC_ID_MODEL_NAME, as<wscTLV_t, parse_wsc_model_name>},
+    {WSC_ID_MODEL_NUMBER, as<wscTLV_t, parse_wsc_model_number>},
+    {WSC_ID_SERIAL_NUMBER, as<wscTLV_t, parse_wsc_serial_number>},
+    {WSC_ID_PRIMARY_DEV_TYPE, as<wscTLV_t, parse_wsc_primary_device_type>},
+    {WSC_ID_DEVICE_NAME, as<wscTLV_t, parse_wsc_device_name>},
+    {WSC_ID_RF_BANDS, as<wscTLV_uint8_t, parse_wsc_connectioin_rf_bands>},
+    {WSC_ID_ASSOC_STATE, as<wscTLV_uint16_t, parse_wsc_tlv_association_state>},
+    {WSC_ID_DEVICE_PASSWORD_ID, as<wscTLV_uint16_t, parse_wsc_tlv_pwd_id>},
+    {WSC_ID_CONFIG_ERROR, as<wscTLV_uint16_t, parse_wsc_tlv_configuration_error>},
+    {WSC_ID_OS_VERSION, as<wscTLV_t, parse_wsc_os_version>},
+    {WSC_ID_VENDOR_EXT, as<wscTLV_t, parse_wsc_vendor_extension>},
+    {WSC_ID_UUID_R, as<wscTLV_t, parse_wsc_UUIDR>},
+    {WSC_ID_ENCR_SETTINGS, as<wscTLV_t, parse_wsc_encrypted_settings>},
+    {WSC_ID_AUTHENTICATOR, as<wscTLV_t, parse_wsc_authenticator>},
+};
+
+void dispatch(const kestr::wsc::Attribute& a, wsc_configuration_t* c) {
+    for (const ParserRow& row : kParsers) {
+        if (row.id == a.type) {
+            // The result is not needed: a refused attribute is simply absent.
+            row.parse(const_cast<u_int8_t*>(a.start), c);
+            return;
+        }
+    }
+}
+
+bool present(const wsc_configuration_8byte_t& r) {
+    return r.valid == 1 && r.valid_len == kAuthLen;
+}
+
+// Compares the first 8 bytes of a digest with a received authenticator in
+// time that does not depend on where they differ.
+bool same_authenticator(const u_int8_t* digest, const u_int8_t* received) {
+    return CRYPTO_memcmp(digest, received, kAuthLen) == 0;
+}
+
+}  // namespace
+
+int IEEE19051_ParseTlvWsc(ieee1905TLV_t* tlv, wsc_configuration_t* wsc_config) {
+    if (tlv == nullptr || wsc_config == nullptr) {
+        KESTR_ERR("tlv == NULL || wsc_config == NULL\n");
+        return -1;
+    }
+    const auto* p = reinterpret_cast<const u_int8_t*>(tlv);
+    kestr::wsc::AttributeWalk walk(p + kTlvHeaderLen, kestr::load_be16(p + 1));
+    kestr::wsc::Attribute a;
+    while (walk.next(&a))
+        dispatch(a, wsc_config);
+    return 0;
+}
+
+int IEEE19051_ParseTlvWscEncryptedSettings(wsc_configuration_t* wsc_config, DH* DHSecret,
+                                           u_int8_t* enrolle_mac,
+                                           wsc_encrypted_settings_t* settings, u_int8_t* m1,
+                                           int m1len, u_int8_t* m2, int m2len) {
+    if (wsc_config == nullptr || DHSecret == nullptr || settings == nullptr)
+        return -1;
+    const wsc_configuration_t& c = *wsc_config;
+    if (c.registrar_nonce.valid != 1 || c.enrollee_nonce.valid != 1 || c.public_key.valid != 1 ||
+        c.encrypted_settings.valid != 1) {
+        KESTR_ERR("pararm invalid\n");
+        return -1;
+    }
+
+    wps_keys_t keys;
+    kestr::WipeOnExit wipe_keys(&keys, sizeof keys);
+    if (get_keys(const_cast<u_int8_t*>(c.public_key.val), DHSecret,
+                 const_cast<u_int8_t*>(c.enrollee_nonce.val),
+                 const_cast<u_int8_t*>(c.registrar_nonce.val), enrolle_mac, &keys) != 0) {
+        KESTR_ERR("get_keys error\n");
+        return -1;
+    }
+
+    // IV and at least one block of ciphertext.
+    const int sealed_len = c.encrypted_settings.valid_len;
+    if (sealed_len < kIvLen + 16 ||
+        sealed_len > static_cast<int>(sizeof c.encrypted_settings.val)) {
+        return -1;
+    }
+    kestr::SecretBytes<kPlainWorkLen> plain;
+    int plain_len = -1;
+    reg_proto_decrypt_data(const_cast<u_int8_t*>(c.encrypted_settings.val) + kIvLen,
+                           sealed_len - kIvLen, const_cast<u_int8_t*>(c.encrypted_settings.val),
+                           keys.keyWrapKey, keys.authKey, plain.data(), &plain_len);
+    if (plain_len < 0)
+        return -1;
+
+    parse_wsc_encrypted_settings_plain(plain.data(), plain_len, settings);
+
+    // From here on `settings` holds what was decrypted; a failed check
+    // wipes it, so nothing unauthenticated can be saved by mistake.
+    auto reject = [settings]() {
+        OPENSSL_cleanse(settings, sizeof *settings);
+        return -1;
+    };
+
+    kestr::SecretBytes<32> digest;
+    if (plain_len < kAuthAttrLen)
+        return reject();
+    hmac_sha256(keys.authKey, sizeof keys.authKey, plain.data(),
+                static_cast<size_t>(plain_len - kAuthAttrLen), digest.data(), nullptr);
+    if (!present(settings->key_wrap_authenticator) ||
+        !same_authenticator(digest.data(), settings->key_wrap_authenticator.val)) {
+        return reject();
+    }
+
+    // The Authenticator covers M1 as sent and M2 up to its own attribute.
+    const bool lengths_ok = m1 != nullptr && m2 != nullptr && m1len >= 0 && m2len >= kAuthAttrLen &&
+                            m1len <= kAuthInputMax && m2len <= kAuthInputMax - m1len;
+    if (!lengths_ok || !present(c.authenticator) ||
+        !kestr::hmac_sha256_two(keys.authKey, sizeof keys.authKey, m1, static_cast<size_t>(m1len),
+                                m2, static_cast<size_t>(m2len - kAuthAttrLen), digest.data()) ||
+        !same_authenticator(digest.data(), c.authenticator.val)) {
+        KESTR_ERR("hmac value of Authenticator mismatched!\n");
+        return reject();
+    }
+    return 0;
+}
