@@ -14,6 +14,7 @@
 
 #include "port/common/bytes.h"
 #include "port/common/common.h"
+#include "port/common/report.h"
 #include "port/common/unique_fd.h"
 #include "port/util.h"
 
@@ -213,4 +214,115 @@ int IEEE19051_GetEtherDmac(u_int8_t* buf, struct ether_addr* mac) {
 uint16_t IEEE19051_MeidaType(ieee1905MediaType_e type, int desc) {
     return static_cast<uint16_t>((static_cast<unsigned>(type) << 8) |
                                  (static_cast<unsigned>(desc) & 0xFF));
+}
+
+// ---- Senders ----
+
+int kestr::send_cmdu(const char* sender, const char* da_text, const char* tx_interface, int mid,
+                     OnAddressFailure on_address_failure, const CmduBuilder& build) {
+    if (tx_interface == nullptr) {
+        std::puts("tx_interface == NULL");
+        return -1;
+    }
+    // A destination that cannot be read would leave the frame addressed to
+    // 00:00:00:00:00:00; refuse it here instead (the text's own complaint is
+    // printed by the conversion).
+    struct ether_addr da;
+    if (mac_str_to_etheraddr(da_text, &da) != 0)
+        return -1;
+
+    // Protocol 0: the socket only sends and never queues received frames.
+    kestr::UniqueFd fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) {
+        std::puts("Error creating socket() -- you may need to run in sudo mode!");
+        return -1;
+    }
+    param_t param{};
+    if (fillParam(&param, fd.get(), da_text, tx_interface, mid) != 0 &&
+        on_address_failure == OnAddressFailure::Stop) {
+        kestr::report_line(kestr::LineKind::Error, KESTR_MODULE, sender, __LINE__,
+                           "fill_param error");
+        return -1;
+    }
+
+    ieee1905Message_t frame;
+    std::memset(&frame, 0, sizeof frame);
+    const int num_bytes = build(&frame, param);
+    if (num_bytes <= 0 || num_bytes > static_cast<int>(sizeof frame)) {
+        kestr::report_line(
+            kestr::LineKind::Error, KESTR_MODULE, sender, __LINE__,
+            "num_bytes <= 0 || num_bytes > sizeof(ieee1905Message_t), num_bytes %d\n", num_bytes);
+        return -1;
+    }
+    return sendPacket(fd.get(), param.sa, &frame, num_bytes, param.tx_idx);
+}
+
+using kestr::OnAddressFailure;
+using kestr::send_cmdu;
+
+int IEEE19051_SendMsgApAutoconfigurationSearch(const char* tx_interface, int mid,
+                                               ap_autoconfig_search_param_t search_param) {
+    return send_cmdu(__func__, kIeee1905MulticastMac, tx_interface, mid, OnAddressFailure::GoOn,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketApAutoconfigurationSearch(packet, param,
+                                                                             search_param);
+                     });
+}
+
+int IEEE19051_SendMsgApAutoconfigurationResponse(const char* dest_mac, const char* tx_interface,
+                                                 int mid,
+                                                 ap_autoconfig_response_param_t response_param) {
+    return send_cmdu(__func__, dest_mac, tx_interface, mid, OnAddressFailure::GoOn,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketApAutoconfigurationResponse(packet, param,
+                                                                               response_param);
+                     });
+}
+
+int IEEE19051_SendMsgApAutoconfigurationRenew(const char* tx_interface, int mid,
+                                              ap_autoconfig_renew_param_t* renew_param) {
+    return send_cmdu(__func__, kIeee1905MulticastMac, tx_interface, mid, OnAddressFailure::GoOn,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketApAutoconfigurationRenew(packet, param,
+                                                                            renew_param);
+                     });
+}
+
+int IEEE19051_SendMsgTopologyDiscovery(const char* tx_interface, int mid, struct ether_addr almac) {
+    // The discovery carries the sending interface's own address in a TLV, so
+    // it is worthless without it.
+    return send_cmdu(__func__, kIeee1905MulticastMac, tx_interface, mid, OnAddressFailure::Stop,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketTopologyDiscovery(packet, param, almac);
+                     });
+}
+
+int IEEE19051_SendMsgTopologyNotification(const char* tx_interface, int mid,
+                                          struct ether_addr almac) {
+    return send_cmdu(__func__, kIeee1905MulticastMac, tx_interface, mid, OnAddressFailure::GoOn,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketTopologyNotification(packet, param, almac);
+                     });
+}
+
+int IEEE19051_SendMsgTopologyResponse(const char* da_str, const char* tx_interface, int mid,
+                                      device_information_t device_info,
+                                      ieee1905BridgingCapability_t capability,
+                                      neighborDeviceList list) {
+    return send_cmdu(__func__, da_str, tx_interface, mid, OnAddressFailure::GoOn,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketTopologyResponse(packet, param, device_info,
+                                                                    capability, list);
+                     });
+}
+
+int IEEE19051_SendMsgTopologyQuery(const char* da_str, const char* tx_interface, int mid) {
+    if (tx_interface == nullptr || da_str == nullptr) {
+        std::puts("tx_interface == NULL || da_str == NULL");
+        return -1;
+    }
+    return send_cmdu(__func__, da_str, tx_interface, mid, OnAddressFailure::GoOn,
+                     [](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketTopologyQuery(packet, param);
+                     });
 }

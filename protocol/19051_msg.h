@@ -7,8 +7,10 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 
 #include "protocol/19051_frame.h"
+#include "protocol/19051_protocol.h"
 
 // Receive socket, opened once by the daemon before its receive task starts.
 void IEEE19051_MsgInit(char* interface);
@@ -24,6 +26,46 @@ int fillParam(param_t* pparam, int sockfd, const char* da_str, const char* tx_in
               const int mid);
 int sendPacket(int sockfd, struct ether_addr sa, const void* packet, const int num_bytes,
                const int tx_idx);
+
+// Senders: one packet socket per message, opened, used for one frame and
+// closed on every path, so any thread may send at any time. Each returns 0
+// when the frame was sent, -1 otherwise. A null interface name is refused
+// ("tx_interface == NULL"), and so is a destination text that is not a MAC
+// address: the text's own complaint is printed and nothing is sent.
+int IEEE19051_SendMsgApAutoconfigurationSearch(const char* tx_interface, int mid,
+                                               ap_autoconfig_search_param_t search_param);
+int IEEE19051_SendMsgApAutoconfigurationResponse(const char* dest_mac, const char* tx_interface,
+                                                 int mid,
+                                                 ap_autoconfig_response_param_t response_param);
+int IEEE19051_SendMsgApAutoconfigurationRenew(const char* tx_interface, int mid,
+                                              ap_autoconfig_renew_param_t* renew_param);
+int IEEE19051_SendMsgTopologyDiscovery(const char* tx_interface, int mid, struct ether_addr almac);
+int IEEE19051_SendMsgTopologyNotification(const char* tx_interface, int mid,
+                                          struct ether_addr almac);
+int IEEE19051_SendMsgTopologyResponse(const char* da_str, const char* tx_interface, int mid,
+                                      device_information_t device_info,
+                                      ieee1905BridgingCapability_t capability,
+                                      neighborDeviceList list);
+int IEEE19051_SendMsgTopologyQuery(const char* da_str, const char* tx_interface, int mid);
+
+namespace kestr {
+
+// What a sender does when its addressing record cannot be filled: go on (the
+// send then fails for want of an interface index) or stop at once.
+enum class OnAddressFailure { GoOn, Stop };
+
+// Builds one frame into the zero-filled buffer; its length, or -1.
+using CmduBuilder = std::function<int(ieee1905Message_t* packet, const param_t& param)>;
+
+// The sending pattern every sender follows: check the interface name and the
+// destination text, open the send socket, fill the addressing record from
+// `da_text`, `tx_interface` and `mid`, build into a zero-filled frame, refuse
+// a result that is not positive or exceeds 1514 bytes, send, close. `sender`
+// names the sender in its error lines.
+int send_cmdu(const char* sender, const char* da_text, const char* tx_interface, int mid,
+              OnAddressFailure on_address_failure, const CmduBuilder& build);
+
+}  // namespace kestr
 
 // Header getters; `buf` is the start of the Ethernet header.
 int IEEE19051_GetEtherType(u_int8_t* buf);

@@ -1,0 +1,141 @@
+#include "protocol/debug.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <string>
+
+#include "port/common/bytes.h"
+#include "port/util.h"
+#include "protocol/19051_msg.h"
+#include "protocol/19051_parse.h"
+
+namespace {
+
+constexpr const char* kSeparator =
+    "==============================================================\n";
+
+void appendf(std::string& out, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void appendf(std::string& out, const char* format, ...) {
+    char line[256];
+    va_list args;
+    va_start(args, format);
+    const int n = std::vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    if (n > 0)
+        out.append(line, std::min<size_t>(static_cast<size_t>(n), sizeof line - 1));
+}
+
+// " %02x" per byte and a line feed: the line print_packet prints.
+std::string hex_line(const uint8_t* bytes, int len) {
+    std::string out;
+    for (int i = 0; bytes != nullptr && i < len; ++i)
+        appendf(out, " %02x", bytes[i]);
+    out += '\n';
+    return out;
+}
+
+std::string ether_addr_line(const struct ether_addr& addr) {
+    // Prepared with the all-zero text, so a failed conversion still prints
+    // an address.
+    char text[kMacTextSize] = "00:00:00:00:00:00";
+    mac_etheraddr_to_str(&addr, text, sizeof text);
+    return std::string("mac:") + text + "\n";
+}
+
+// Everything is written with one call, so that output of another thread
+// falls between whole printouts rather than inside a line.
+void emit(const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+}  // namespace
+
+void print_packet(u_int8_t* buf, int len) {
+    emit(hex_line(buf, len));
+}
+
+void hexdump(FILE* f, const char* title, const unsigned char* s, int l) {
+    if (f == nullptr)
+        return;
+    std::string out = title != nullptr ? title : "";
+    for (int n = 0; s != nullptr && n < l; ++n) {
+        if (n % 16 == 0)
+            appendf(out, "\n%04x", n);
+        appendf(out, " %02x", s[n]);
+    }
+    out += '\n';
+    std::fwrite(out.data(), 1, out.size(), f);
+}
+
+void print_ether_addr(struct ether_addr addr) {
+    emit(ether_addr_line(addr));
+}
+
+void print_packet_tlv(u_int8_t* buf) {
+    const int type = IEEE19051_GetType(buf);
+    if (type < 0)
+        return;
+
+    std::string out;
+    struct ether_addr source;
+    if (IEEE19051_GetEtherSmac(buf, &source) == 0)
+        out += "source mac:" + ether_addr_line(source);
+    appendf(out, "ieee1905Header.type: %d|%s\n", type, IEEE19051_MessageTypeDesc(type));
+    appendf(out, "ieee1905Header.mid: %d\n", IEEE19051_GetMid(buf));
+    appendf(out, "ieee1905Header.flags: %x\n", IEEE19051_GetFlags(buf));
+    const int count = IEEE19051_GetTlvTotalNumber(buf);
+    appendf(out, "ieee1905tvl_number: %d\n", count);
+    for (int i = 0; i < count; ++i) {
+        // The walk hands out only TLVs that lie wholly inside the frame.
+        const uint8_t* tlv = IEEE19051_GetTlvByNumber(buf, i);
+        if (tlv == nullptr)
+            break;
+        const int length = kestr::load_be16(tlv + 1);
+        appendf(out, "tlv_type:%d,%s, tlv_len:%d\n", tlv[0], IEEE19051_TlvTypeDesc(tlv[0]), length);
+        out += kSeparator;
+        out += "tlv:" + hex_line(tlv, kTlvHeaderLen + length);
+        out += kSeparator;
+    }
+    emit(out);
+}
+
+void print_tlv_vendor_specific(u_int8_t* /*oui*/, u_int8_t* val, int val_len) {
+    std::string out;
+    for (int i = 0; val != nullptr && i < val_len; ++i)
+        appendf(out, "%02x ", val[i]);
+    out += '\n';
+    emit(out);
+}
+
+void print_tlv_device_information(struct ether_addr almac, device_information_t device_info) {
+    std::string out = ether_addr_line(almac);
+    const int num = std::min<int>(device_info.num, INTERFACE_TOTAL_MAX);
+    for (int i = 0; i < num; ++i) {
+        const interface_information_t& itf = device_info.interface[i];
+        out += ether_addr_line(itf.mac);
+        out += hex_line(itf.val, std::min<int>(itf.length, MEDIA_SPECIFIC_INFO_MAX));
+    }
+    emit(out);
+}
+
+void print_tlv_device_bridging_capability(ieee1905BridgingCapability_t capability) {
+    std::string out;
+    const int m = std::min<int>(capability.m, BRIDGING_TUPLE_MAX);
+    for (int t = 0; t < m; ++t) {
+        const ieee1905BridgingTuple_t& tuple = capability.tuple[t];
+        const int k = std::min<int>(tuple.k, BRIDGING_TUPLE_MAC_MAX);
+        for (int a = 0; a < k; ++a)
+            out += ether_addr_line(tuple.mac[a]);
+    }
+    emit(out);
+}
+
+void print_tlv_legacy_neighbor(neighborDeviceList list) {
+    std::string out;
+    const int num = std::min<int>(list.num, NEIGHBOR_DEVICE_LIST_MAX);
+    for (int i = 0; i < num; ++i) {
+        out += ether_addr_line(list.neighbor[i].local_mac);
+        out += ether_addr_line(list.neighbor[i].neighbor_mac);
+    }
+    emit(out);
+}
