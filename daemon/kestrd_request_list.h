@@ -75,12 +75,16 @@ IEEE19051_RequestRecord_t* IEEE19051_GetFirstRequestRecord();
 IEEE19051_RequestRecord_t* IEEE19051_GetNextRequestRecord(IEEE19051_RequestRecord_t* record);
 int IEEE19051_ListEmpty();
 
-// A request's extra data (an M1's key pair and kept bytes) is shared by every
-// copy of the request and freed by its timeout handler on the watcher task.
-// Timeout handlers therefore run while holding the request-use lock, and a
-// response path holds it from its look-up until its handler has returned, so
-// extra data is never freed under a handler that is using it. Lock order:
-// the request-use lock before the list lock; never the other way round.
+// The request-use lock orders the three threads around a request:
+// - a request's extra data (an M1's key pair and kept bytes) is shared by
+//   every copy and freed by its timeout handler on the watcher task, so
+//   timeout handlers run holding this lock, and a response path holds it
+//   from its look-up until its handler has returned: extra data is never
+//   freed under a handler that is using it;
+// - a sender that records a request after sending it (the Search, on the
+//   main thread) holds it across both, so an answer that comes back at once
+//   finds the request recorded.
+// Lock order: the request-use lock before the list lock, never the reverse.
 void IEEE19051_LockRequestUse();
 void IEEE19051_UnlockRequestUse();
 

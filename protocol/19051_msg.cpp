@@ -279,6 +279,30 @@ int IEEE19051_SendMsgApAutoconfigurationResponse(const char* dest_mac, const cha
                      });
 }
 
+int IEEE19051_SendMsgApAutoconfigurationWsc(const char* dest_mac, const char* tx_interface,
+                                            int mid, wsc_configuration_t* config) {
+    return send_cmdu(__func__, dest_mac, tx_interface, mid, OnAddressFailure::GoOn,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketApAutoconfigurationWsc(packet, param, config);
+                     });
+}
+
+int IEEE19051_SendMsgApAutoconfigurationWsc2(const char* dest_mac, const char* tx_interface,
+                                             int mid, ieee1905TLV_t* wsctlv) {
+    return send_cmdu(__func__, dest_mac, tx_interface, mid, OnAddressFailure::GoOn,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketApAutoconfigurationWsc2(packet, param, wsctlv);
+                     });
+}
+
+int IEEE19051_GetWscTlv(wsc_configuration_t* config, u_int8_t* tlvbuf, int maxlen) {
+    // The encoder's room counts attribute bytes only; the TLV header comes
+    // out of `maxlen` too, so a buffer of `maxlen` bytes is never overrun.
+    if (config == nullptr || tlvbuf == nullptr || maxlen < kTlvHeaderLen)
+        return -1;
+    return get_tlv_wsc(reinterpret_cast<ieee1905TLV_t*>(tlvbuf), maxlen - kTlvHeaderLen, config);
+}
+
 int IEEE19051_SendMsgApAutoconfigurationRenew(const char* tx_interface, int mid,
                                               ap_autoconfig_renew_param_t* renew_param) {
     return send_cmdu(__func__, kIeee1905MulticastMac, tx_interface, mid, OnAddressFailure::GoOn,

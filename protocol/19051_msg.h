@@ -37,8 +37,18 @@ int IEEE19051_SendMsgApAutoconfigurationSearch(const char* tx_interface, int mid
 int IEEE19051_SendMsgApAutoconfigurationResponse(const char* dest_mac, const char* tx_interface,
                                                  int mid,
                                                  ap_autoconfig_response_param_t response_param);
+// M1 and M2: from a record, or from a WSC TLV built beforehand (the enrollee
+// keeps the very bytes of its M1 to check the M2 that answers it).
+int IEEE19051_SendMsgApAutoconfigurationWsc(const char* dest_mac, const char* tx_interface,
+                                            int mid, wsc_configuration_t* config);
+int IEEE19051_SendMsgApAutoconfigurationWsc2(const char* dest_mac, const char* tx_interface,
+                                             int mid, ieee1905TLV_t* wsctlv);
 int IEEE19051_SendMsgApAutoconfigurationRenew(const char* tx_interface, int mid,
                                               ap_autoconfig_renew_param_t* renew_param);
+
+// One complete WSC TLV (type 17, length, attributes) for `config` in
+// `tlvbuf`, never more than `maxlen` bytes in all. Its total length, or -1.
+int IEEE19051_GetWscTlv(wsc_configuration_t* config, u_int8_t* tlvbuf, int maxlen);
 int IEEE19051_SendMsgTopologyDiscovery(const char* tx_interface, int mid, struct ether_addr almac);
 int IEEE19051_SendMsgTopologyNotification(const char* tx_interface, int mid,
                                           struct ether_addr almac);

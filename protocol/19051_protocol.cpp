@@ -306,6 +306,21 @@ int IEEE19051_GetPacketApAutoconfigurationRenew(ieee1905Message_t* packet, param
                  });
 }
 
+int IEEE19051_GetPacketApAutoconfigurationWsc(ieee1905Message_t* packet, param_t param,
+                                              wsc_configuration_t* config) {
+    if (packet == nullptr || config == nullptr)
+        return -1;
+    // The attributes get the content area less the TLV's own header, so the
+    // encoder can never write past the frame.
+    uint8_t tlv[kCmduContentLen];
+    const int tlv_len = get_tlv_wsc(reinterpret_cast<ieee1905TLV_t*>(tlv),
+                                    kCmduContentLen - kTlvHeaderLen, config);
+    if (tlv_len < 0)
+        return -1;
+    return build(packet, param, IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_WSC, kCmduFlagsUnicast,
+                 [&](ByteWriter& w) { w.bytes(tlv, static_cast<size_t>(tlv_len)); });
+}
+
 int IEEE19051_GetPacketApAutoconfigurationWsc2(ieee1905Message_t* packet, param_t param,
                                                ieee1905TLV_t* wsctlv) {
     if (wsctlv == nullptr)

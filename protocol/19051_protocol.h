@@ -15,6 +15,7 @@
 #include <cstdint>
 
 #include "protocol/19051_frame.h"
+#include "wsc/wsc.h"
 
 // 1905.1 codes carried in the role and band TLVs.
 constexpr uint8_t kIeee1905RoleRegistrar = 0;
@@ -209,6 +210,10 @@ int IEEE19051_GetPacketApAutoconfigurationResponse(ieee1905Message_t* packet, pa
                                                    ap_autoconfig_response_param_t response_param);
 int IEEE19051_GetPacketApAutoconfigurationRenew(ieee1905Message_t* packet, param_t param,
                                                 ap_autoconfig_renew_param_t* renew_param);
+// A WSC message whose WSC TLV is encoded from `config` straight into the
+// content area. -1 when the attributes do not fit it.
+int IEEE19051_GetPacketApAutoconfigurationWsc(ieee1905Message_t* packet, param_t param,
+                                              wsc_configuration_t* config);
 // A WSC message around a WSC TLV that is already built (3 + its length
 // bytes are copied). -1 when the TLV does not fit the content area; a TLV
 // that fits but leaves no room for the end of message yields more than 1514,

@@ -1,0 +1,86 @@
+# Shared by the end-to-end tests: emulated devices, assertions, clean-up.
+# Each test is a bash script run by CTest with EMU_BIN (the daemon's binaries)
+# and TEST_BIN (test programs) in its environment; exit 77 means skipped.
+set -uo pipefail
+
+E2E_SRC=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+source "$E2E_SRC/tools/emu/emu.sh"
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "skip: end-to-end tests need root for network and mount namespaces"
+    exit 77
+fi
+
+E2E_DIR=$(mktemp -d /tmp/kestr-e2e.XXXXXX)
+export EMU_LOGDIR=$E2E_DIR
+SEEDS=$E2E_SRC/tools/seeds
+
+fail() {
+    echo "FAIL: $*"
+    e2e_show_logs
+    exit 1
+}
+
+e2e_show_logs() {
+    local f
+    for f in "$E2E_DIR"/*.log; do
+        [ -f "$f" ] || continue
+        echo "---- $(basename "$f")"
+        # Colours off, so the log reads in CTest's output.
+        sed 's/\x1b\[[0-9;]*m//g' "$f" | tail -n 60
+    done
+}
+
+# Every reporting line's body with colour codes and line numbers removed:
+# "err:kestrd_apclone-requestTimeout|exit:send m1 time out".
+plain() { sed -e 's/\x1b\[[0-9;]*m//g' -e 's/-[0-9]*|/|/' "$1"; }
+
+expect_line() {  # FILE TEXT: some line of FILE (plain) contains TEXT
+    plain "$1" | grep -qF -- "$2" || fail "expected '$2' in $(basename "$1")"
+}
+expect_no_line() {
+    if plain "$1" | grep -qF -- "$2"; then fail "did not expect '$2' in $(basename "$1")"; fi
+}
+count_lines() { plain "$1" | grep -cF -- "$2" || true; }
+
+expect_eq() {  # WHAT GOT WANT
+    [ "$2" == "$3" ] || fail "$1: got '$2', want '$3'"
+}
+
+# Runs an enrollee command in device NAME, waits for it to end (at most
+# LIMIT seconds) and leaves its output in LOG; sets E2E_SECONDS.
+run_enrollee() {
+    local name=$1 log=$2 limit=$3
+    shift 3
+    local t0=$SECONDS
+    emu_exec "$name" timeout "$limit" "$EMU_BIN/kestrd" "$@" >"$log" 2>&1
+    local rc=$?
+    E2E_SECONDS=$((SECONDS - t0))
+    [ $rc -eq 124 ] && fail "kestrd $* did not end within $limit s"
+    [ $rc -eq 0 ] || fail "kestrd $* exited with $rc"
+}
+
+# Starts the registrar daemon in device NAME and waits until its receive
+# task runs.
+start_registrar() {
+    local name=$1 log=$2
+    emu_bg "$name" "$log" "$EMU_BIN/kestrd" apclone_deamon
+    local i
+    for i in $(seq 1 100); do
+        grep -q 'name:msgProcess' "$log" 2>/dev/null && return 0
+        sleep 0.05
+    done
+    fail "registrar in $name did not start"
+}
+
+e2e_cleanup() {
+    local rc=$?
+    emu_down
+    if [ $rc -eq 0 ]; then rm -rf "$E2E_DIR"; fi
+    return $rc
+}
+
+e2e_init() {
+    emu_init || fail "cannot create emulated devices"
+    trap 'e2e_cleanup' EXIT
+}
