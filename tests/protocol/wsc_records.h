@@ -30,7 +30,8 @@ template <typename Record>
 void set_bytes(Record& r, const std::vector<uint8_t>& v) {
     r.valid = 1;
     r.valid_len = static_cast<u_int16_t>(v.size());
-    std::memcpy(r.val, v.data(), std::min(v.size(), sizeof r.val));
+    if (!v.empty())
+        std::memcpy(r.val, v.data(), std::min(v.size(), sizeof r.val));
 }
 
 inline wsc_configuration_t zeroed_config() {
