@@ -99,9 +99,10 @@ TEST(DebugWsc, SingleAttribute) {
     };
     const Bytes attr = hex("10 4a 00 03 10 20 30");
     for (const auto& [len, text] : cases) {
-        auto buf = std::make_unique<uint8_t[]>(static_cast<size_t>(std::max(len, 0)));
-        std::copy(attr.begin(), attr.begin() + std::max(len, 0), buf.get());
-        EXPECT_EQ(printed([&] { print_tlv_wsc_packet_single(buf.get(), len); }), text) << len;
+        const int n = len;
+        auto buf = std::make_unique<uint8_t[]>(static_cast<size_t>(std::max(n, 0)));
+        std::copy(attr.begin(), attr.begin() + std::max(n, 0), buf.get());
+        EXPECT_EQ(printed([&] { print_tlv_wsc_packet_single(buf.get(), n); }), text) << n;
     }
     EXPECT_EQ(printed([] { print_tlv_wsc_packet_single(nullptr, 4); }), "\n");
 }
@@ -138,8 +139,8 @@ TEST(DebugWsc, MessageRecords) {
         // Lengths beyond a record's array print the array and no more.
         {oversized, key_line + "\n" + line(run(0x30, 8))},
     };
-    for (const auto& [config, text] : cases)
-        EXPECT_EQ(printed([&] { print_wsc_configuration(config); }), text);
+    for (const auto& c : cases)
+        EXPECT_EQ(printed([&] { print_wsc_configuration(c.first); }), c.second);
 }
 
 TEST(DebugWsc, DecryptedSettings) {

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -172,33 +171,6 @@ inline std::string describe_sent(wsc_configuration_t c) {
     drop(c.os_version), drop(c.vendor_extension), drop(c.encrypted_settings);
     drop(c.authenticator);
     return describe(c);
-}
-
-// A message with a random choice of fields (flags 0, 1 or 2), random
-// lengths within each record and random bytes; Vendor Extension and
-// Encrypted Settings stay under 300 bytes, so every choice fits one CMDU.
-inline wsc_configuration_t random_config(std::mt19937& rng) {
-    wsc_configuration_t c = zeroed_config();
-    auto flag = [&] { return static_cast<u_int8_t>(rng() % 3); };
-    auto num = [&](auto& r) {
-        r.valid = flag();
-        r.val = static_cast<decltype(r.val)>(rng());
-    };
-    auto bytes = [&](auto& r, size_t limit = sizeof r.val) {
-        r.valid = flag();
-        r.valid_len = static_cast<u_int16_t>(rng() % (limit + 1));
-        for (size_t i = 0; i < r.valid_len; ++i)
-            r.val[i] = static_cast<u_int8_t>(rng());
-    };
-    num(c.version), num(c.message_type), bytes(c.UUIDE), bytes(c.mac), bytes(c.enrollee_nonce);
-    bytes(c.registrar_nonce), num(c.authentication_type_flags), num(c.encryption_type_flags);
-    num(c.configuration_methods), num(c.pwd_id), num(c.configuration_error);
-    num(c.connectioin_type_flags), num(c.wifi_simple_configuration_state), num(c.rf_bands);
-    num(c.association_state), bytes(c.serial_number), bytes(c.public_key), bytes(c.manufacturer);
-    bytes(c.model_name), bytes(c.model_number), bytes(c.primary_device_type);
-    bytes(c.device_name), bytes(c.os_version), bytes(c.vendor_extension, 299), bytes(c.UUIDR);
-    bytes(c.encrypted_settings, 299), bytes(c.authenticator);
-    return c;
 }
 
 }  // namespace kestr::test
