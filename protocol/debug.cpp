@@ -5,6 +5,7 @@
 #include <string>
 
 #include "port/common/bytes.h"
+#include "port/common/report.h"
 #include "port/util.h"
 #include "protocol/19051_msg.h"
 #include "protocol/19051_parse.h"
@@ -42,6 +43,47 @@ std::string ether_addr_line(const struct ether_addr& addr) {
     return std::string("mac:") + text + "\n";
 }
 
+// `title`, then the bytes 16 to a line, each line led by its offset.
+std::string hexdump_text(const char* title, const unsigned char* s, int l) {
+    std::string out = title != nullptr ? title : "";
+    for (int n = 0; s != nullptr && n < l; ++n) {
+        if (n % 16 == 0)
+            appendf(out, "\n%04x", n);
+        appendf(out, " %02x", s[n]);
+    }
+    out += '\n';
+    return out;
+}
+
+// One WSC attribute with its type, length and value set apart. Only the
+// bytes below `len` are read, also when that cuts the header short.
+std::string wsc_attribute_line(const uint8_t* attr, int len) {
+    std::string out;
+    for (int i = 0; attr != nullptr && i < len; ++i) {
+        appendf(out, " %02x", attr[i]);
+        if (i == 1 || i == kWscAttrHeaderLen - 1)
+            out += " |";
+    }
+    out += '\n';
+    return out;
+}
+
+// The hex line of a present byte-string attribute, "" for an absent one. A
+// `valid_len` beyond the record's array prints the array and stops there.
+template <typename Record>
+std::string present_line(const Record& r) {
+    if (r.valid != 1)
+        return "";
+    return hex_line(r.val, std::min<int>(r.valid_len, static_cast<int>(sizeof r.val)));
+}
+
+template <typename Record>
+std::string present_hexdump(const char* title, const Record& r) {
+    if (r.valid != 1)
+        return "";
+    return hexdump_text(title, r.val, std::min<int>(r.valid_len, static_cast<int>(sizeof r.val)));
+}
+
 // Everything is written with one call, so that output of another thread
 // falls between whole printouts rather than inside a line.
 void emit(const std::string& text) {
@@ -57,13 +99,7 @@ void print_packet(u_int8_t* buf, int len) {
 void hexdump(FILE* f, const char* title, const unsigned char* s, int l) {
     if (f == nullptr)
         return;
-    std::string out = title != nullptr ? title : "";
-    for (int n = 0; s != nullptr && n < l; ++n) {
-        if (n % 16 == 0)
-            appendf(out, "\n%04x", n);
-        appendf(out, " %02x", s[n]);
-    }
-    out += '\n';
+    const std::string out = hexdump_text(title, s, l);
     std::fwrite(out.data(), 1, out.size(), f);
 }
 
@@ -138,4 +174,52 @@ void print_tlv_legacy_neighbor(neighborDeviceList list) {
         out += ether_addr_line(list.neighbor[i].neighbor_mac);
     }
     emit(out);
+}
+
+void print_tlv_wsc_packet(ieee1905TLV_t* tlv) {
+    if (tlv == nullptr)
+        return;
+    const auto* raw = reinterpret_cast<const uint8_t*>(tlv);
+    // The walk hands out only attributes that lie wholly inside the TLV's
+    // value; one that claims more than is left ends the printout.
+    kestr::wsc::AttributeWalk walk(raw + kTlvHeaderLen, kestr::load_be16(raw + 1));
+    kestr::wsc::Attribute a;
+    std::string out;
+    while (walk.next(&a)) {
+        appendf(out, "tlv_type:%04x, %s, tlv_len:%d\n", a.type, get_desc_by_id(a.type), a.length);
+        out += kSeparator;
+        out += "tlv:" + wsc_attribute_line(a.start, kWscAttrHeaderLen + a.length);
+        out += kSeparator;
+    }
+    emit(out);
+}
+
+void print_tlv_wsc_packet_single(u_int8_t* buf, int len) {
+    emit(wsc_attribute_line(buf, len));
+}
+
+void print_wsc_configuration(wsc_configuration_t config) {
+    std::string out = present_line(config.UUIDE) + present_line(config.UUIDR);
+    // A MAC address is six bytes whatever length it arrived with.
+    if (config.mac.valid == 1)
+        out += hex_line(config.mac.val, sizeof config.mac.val);
+    out += present_line(config.enrollee_nonce) + present_line(config.registrar_nonce) +
+           present_line(config.public_key);
+    if (config.serial_number.valid != 1) {
+        // The error line is written by the reporting module; what comes
+        // before it has to be out first.
+        emit(out);
+        out.clear();
+        KESTR_ERR("serial_number not found\n");
+    }
+    out += present_line(config.primary_device_type) + present_line(config.os_version) +
+           present_line(config.vendor_extension) + present_line(config.encrypted_settings) +
+           present_line(config.authenticator);
+    emit(out);
+}
+
+void print_wsc_encrypted_settings(wsc_encrypted_settings_t settings) {
+    emit(present_hexdump("mac", settings.mac) +
+         present_hexdump("vendor_extension", settings.vendor_extension) +
+         present_hexdump("key_wrap_authenticator", settings.key_wrap_authenticator));
 }

@@ -10,7 +10,9 @@
 #include "port/util.h"
 #include "protocol/19051_msg.h"
 #include "protocol/19051_parse.h"
+#include "protocol/19051_parse_wsc.h"
 #include "tests/protocol/cmdu_util.h"
+#include "tests/protocol/wsc_records.h"
 #include "tests/support/netns.h"
 
 namespace {
@@ -221,43 +223,112 @@ TEST(Senders, FailuresAndTheirMessages) {
     EXPECT_FALSE(peer.receive(300ms).has_value()) << "a refused message went out";
 }
 
-// A ready WSC TLV through the shared sending pattern: a 1514-byte frame goes
-// out whole; one byte more is refused before anything is sent.
-TEST(Senders, FrameLongerThan1514IsRefused) {
+// M2 from the registrar's record and M1 from the enrollee's kept TLV, as
+// the far end receives them, and read back there into the records sent.
+TEST(Senders, WscMessagesArriveAsBuiltAndReadBack) {
+    KESTR_ENTER_NAMESPACES();
+    PeerPort peer;
+    ASSERT_TRUE(peer.ok());
+    const Bytes br = kestr::test::interface_mac("br0"), to = peer.mac();
+    const std::string to_text = text(to);
+
+    wsc_configuration_t m2 = kestr::test::sample_m2();
+    ASSERT_EQ(IEEE19051_SendMsgApAutoconfigurationWsc(to_text.c_str(), "br0", 0x2345, &m2), 0);
+    wsc_configuration_t m1 = kestr::test::sample_m1();
+    Bytes kept(kCmduContentLen, 0);
+    const int m1_len = IEEE19051_GetWscTlv(&m1, kept.data(), kCmduContentLen);
+    ASSERT_EQ(m1_len, 125);
+    ASSERT_EQ(IEEE19051_SendMsgApAutoconfigurationWsc2(
+                  to_text.c_str(), "br0", 70000, reinterpret_cast<ieee1905TLV_t*>(kept.data())),
+              0);
+
+    const std::pair<wsc_configuration_t, Bytes> sent[] = {
+        {m2, cat({to, br, hex("89 3a 00 00 00 09 23 45 00 80"), kestr::test::sample_m2_tlv(),
+                  hex("00 00 00")})},
+        {m1, cat({to, br, hex("89 3a 00 00 00 09 11 70 00 80"), kestr::test::sample_m1_tlv(),
+                  hex("00 00 00")})},
+    };
+    for (const auto& [config, frame] : sent) {
+        const auto got = peer.receive(2000ms);
+        ASSERT_TRUE(got.has_value());
+        EXPECT_EQ(*got, frame);
+        Frame in;
+        std::copy(got->begin(), got->end(), in.bytes.begin());
+        ASSERT_EQ(IEEE19051_GetTlvTotalNumber(in.data()), 1);
+        wsc_configuration_t read = kestr::test::zeroed_config();
+        ASSERT_EQ(IEEE19051_ParseTlvWsc(tlv_at<ieee1905TLV_t>(in, 0), &read), 0);
+        EXPECT_EQ(kestr::test::describe(read), kestr::test::describe_sent(config));
+    }
+}
+
+// Both WSC senders at the frame limit: a 1514-byte frame goes out whole; a
+// longer one, a TLV that does not fit and a missing message are refused
+// with their lines, and nothing of them reaches the wire.
+TEST(Senders, WscAtTheFrameLimit) {
     KESTR_ENTER_NAMESPACES();
     PeerPort peer;
     ASSERT_TRUE(peer.ok());
     const std::string to = text(peer.mac());
-    for (const int value_len : {1486, 1487}) {
+    auto num_bytes = [](const char* sender, int n) {
+        return masked_error("19051_msg", sender,
+                            "num_bytes <= 0 || num_bytes > sizeof(ieee1905Message_t), num_bytes " +
+                                std::to_string(n) + "\n");
+    };
+    const std::string too_long = masked_error("wsc", "get_tlv_wsc", "Err:string too long!\n");
+    const char* const wsc = "IEEE19051_SendMsgApAutoconfigurationWsc";
+    const char* const wsc2 = "IEEE19051_SendMsgApAutoconfigurationWsc2";
+    // A ready WSC TLV with `value_len` bytes of attributes.
+    auto ready = [](int value_len) {
         Bytes tlv(3 + static_cast<size_t>(value_len), 0x3C);
         tlv[0] = IEEE1905_TLV_TYPE_WPS;
         tlv[1] = static_cast<uint8_t>(value_len >> 8);
         tlv[2] = static_cast<uint8_t>(value_len);
+        return tlv;
+    };
+    auto send_ready = [&](Bytes tlv) {
+        return IEEE19051_SendMsgApAutoconfigurationWsc2(
+            to.c_str(), "br0", 5, reinterpret_cast<ieee1905TLV_t*>(tlv.data()));
+    };
+    auto send_record = [&](int attr_len) {
+        wsc_configuration_t config = kestr::test::config_of_size(attr_len);
+        return IEEE19051_SendMsgApAutoconfigurationWsc(to.c_str(), "br0", 5, &config);
+    };
+    struct Case {
+        std::function<int()> send;
+        std::string out;
+        Bytes tlv;  // the WSC TLV of the frame that goes out; empty when refused
+    };
+    // The record of 1486 attribute bytes: a full Vendor Extension and an
+    // Encrypted Settings of 454 bytes.
+    const Bytes record_tlv = cat(
+        {hex("11 05 ce  10 49 04 00"), Bytes(1024, 0x5E), hex("10 18 01 c6"), Bytes(454, 0xE5)});
+    const Case cases[] = {
+        {[&] { return send_ready(ready(1486)); }, "", ready(1486)},
+        {[&] { return send_ready(ready(1487)); }, num_bytes(wsc2, 1515), {}},
+        {[&] { return send_ready(ready(1490)); }, num_bytes(wsc2, -1), {}},
+        {[&] { return IEEE19051_SendMsgApAutoconfigurationWsc2(to.c_str(), "br0", 5, nullptr); },
+         num_bytes(wsc2, -1),
+         {}},
+        {[&] { return send_record(1486); }, "", record_tlv},
+        {[&] { return send_record(1487); }, num_bytes(wsc, 1515), {}},
+        {[&] { return send_record(1490); }, too_long + num_bytes(wsc, -1), {}},
+        {[&] { return IEEE19051_SendMsgApAutoconfigurationWsc(to.c_str(), "br0", 5, nullptr); },
+         num_bytes(wsc, -1),
+         {}},
+    };
+    for (const auto& c : cases) {
         int rc = 0;
-        const auto printed = capture_output([&] {
-            rc = kestr::send_cmdu("wsc_sender", to.c_str(), "br0", 5, kestr::OnAddressFailure::GoOn,
-                                  [&](ieee1905Message_t* packet, const param_t& param) {
-                                      return IEEE19051_GetPacketApAutoconfigurationWsc2(
-                                          packet, param,
-                                          reinterpret_cast<ieee1905TLV_t*>(tlv.data()));
-                                  });
-        });
-        const auto got = peer.receive(value_len == 1486 ? 2000ms : 300ms);
-        if (value_len == 1486) {
-            EXPECT_EQ(rc, 0);
-            ASSERT_TRUE(got.has_value());
-            ASSERT_EQ(got->size(), 1514u);
-            EXPECT_TRUE(std::equal(tlv.begin(), tlv.end(), got->begin() + 22));
-        } else {
-            EXPECT_EQ(rc, -1);
-            EXPECT_FALSE(got.has_value());
-            EXPECT_EQ(
-                kestr::test::mask_line_numbers(printed.out),
-                masked_error(
-                    "19051_msg", "wsc_sender",
-                    "num_bytes <= 0 || num_bytes > sizeof(ieee1905Message_t), num_bytes 1515\n"));
-        }
+        const auto printed = capture_output([&] { rc = c.send(); });
+        EXPECT_EQ(rc, c.tlv.empty() ? -1 : 0) << c.out;
+        EXPECT_EQ(kestr::test::mask_line_numbers(printed.out), c.out);
+        if (c.tlv.empty())
+            continue;
+        const auto got = peer.receive(2000ms);
+        ASSERT_TRUE(got.has_value());
+        ASSERT_EQ(got->size(), 1514u);
+        EXPECT_TRUE(std::equal(c.tlv.begin(), c.tlv.end(), got->begin() + 22));
     }
+    EXPECT_FALSE(peer.receive(300ms).has_value()) << "a refused message went out";
 }
 
 TEST(Senders, WithoutRawSocketPermission) {
