@@ -27,13 +27,6 @@ std::atomic<int> g_m1_recorded{0};
 
 char g_br0[] = "br0";
 
-// Ends a run that no pending request will end: nothing is left to expire,
-// so nothing else would ever set the process state.
-void end_run_without_m2(const char* why) {
-    KESTR_ERR("%s", why);
-    setProcessState(1);
-}
-
 }  // namespace
 
 void kestr::note_m1_recorded() { g_m1_recorded.fetch_add(1); }
@@ -73,13 +66,21 @@ int msgApcloneProcessResponse(int type, u_int8_t* buf, int recvlen) {
 
 int IEEE19051_CmdApcloneProcess_2P4G() {
     KESTR_INFO("IEEE19051_CmdApcloneProcess_2P4G\n");
-    if (sendSearch(0) != 0) end_run_without_m2("exit:search for 2.4G not sent\n");
+    // Nothing is pending when the Search could not go out or be recorded:
+    // no expiry would ever end the run, so it ends here.
+    if (sendSearch(0) != 0) {
+        KESTR_ERR("exit:search for 2.4G not sent\n");
+        setProcessState(1);
+    }
     return 0;
 }
 
 int IEEE19051_CmdApcloneProcess_5G() {
     KESTR_INFO("IEEE19051_CmdApcloneProcess_5G\n");
-    if (sendSearch(1) != 0) end_run_without_m2("exit:search for 5G not sent\n");
+    if (sendSearch(1) != 0) {
+        KESTR_ERR("exit:search for 5G not sent\n");
+        setProcessState(1);
+    }
     return 0;
 }
 
@@ -207,7 +208,8 @@ int requestTimeout(void* requestInfo) {
         } else if (g_m1_recorded.load() == 0) {
             // Responses came, but none led to a recorded M1: no request is
             // left whose expiry would end the run.
-            end_run_without_m2("exit:no registration started after search\n");
+            KESTR_ERR("exit:no registration started after search\n");
+            setProcessState(1);
         }
     } else if (m1) {
         if (M2_decrypt_success.load() == 1) {

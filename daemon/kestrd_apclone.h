@@ -12,6 +12,7 @@
 #include <atomic>
 
 #include "daemon/kestrd_request_list.h"
+#include "wsc/wsc.h"
 
 // Run state of the enrollee (a process makes at most one run):
 // 0 running, 1 ended without an M2, 2 ended after an M2 was handled.
@@ -41,10 +42,17 @@ int msgApcloneProcesSearch(int type, u_int8_t* buf, int recvlen);
 
 // Registration, enrollee side.
 int sendM1(char* destmac, int freqBand);
+int getWscConfigurationM1(wsc_configuration_t* config, int freqBand, DH** enrolle_DHSecret);
+int createRequestInfoM1(IEEE19051_Info_t* info, int mid, int freqBand, char* destmac,
+                        void* extraData);
 int msgApcloneProcesM2(int type, u_int8_t* buf, int recvlen);
+int continueAfterM1(void* response, void* responseLen, void* requestInfo);
+void saveApcloneInfo(RFBands_e band, wsc_encrypted_settings_t settings);
 
 // Registration, registrar side.
 int msgApcloneProcesM1(int type, u_int8_t* buf, int recvlen);
+int getWscConfigurationM2(wsc_configuration_t* config, wsc_configuration_t M1config,
+                          int freqBand, u_int8_t* m1wsc, int m1len);
 
 namespace kestr {
 // Counts M1 requests recorded in this run, so that a run whose Responses all
