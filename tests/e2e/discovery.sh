@@ -7,6 +7,8 @@ e2e_init
 
 emu_add reg "$SEEDS/registrar.xml" 02:00:00:00:00:0a || fail "registrar device"
 emu_add enr "$SEEDS/enrollee.xml" 02:00:00:00:00:0b || fail "enrollee device"
+emu_add peer "$SEEDS/registrar.xml" 02:00:00:00:00:0c || fail "peer device"
+PEER=$TEST_BIN/kestr_test_peer
 
 # Nobody answers: the run ends after about 3 s (Search lifetime, whole-second
 # watcher passes, the 500 ms wait and the shutdown of both tasks).
@@ -18,6 +20,28 @@ expect_line "$E2E_DIR/alone.log" "err:kestrd_apclone-requestTimeout|exit:send se
 [ "$E2E_SECONDS" -ge 2 ] && [ "$E2E_SECONDS" -le 8 ] || fail "lone run took $E2E_SECONDS s"
 expect_eq "2.4G done" "$(emu_db enr -g /runtime/apcloning/BAND_2P4G/done)" "1"
 expect_eq "5G done untouched" "$(emu_db enr -g /runtime/apcloning/BAND_5G/done)" ""
+
+# Responses the enrollee must refuse, from a peer that crafts them. Each run
+# still ends by itself once the Search expires, with the band marked done.
+refused() {  # LOG MESSAGE PEER-OPTIONS...
+    local log=$1 msg=$2
+    shift 2
+    emu_bg peer "$E2E_DIR/peer-$log" "$PEER" --responses 1 --for 6 "$@"
+    sleep 0.3
+    emu_db enr -s /runtime/apcloning/BAND_5G/done 0 >/dev/null
+    run_enrollee enr "$E2E_DIR/$log" 15 apclone_5G
+    wait "$EMU_BG_PID"
+    expect_line "$E2E_DIR/peer-$log" "peer: Response to 2:0:0:0:0:b"
+    expect_line "$E2E_DIR/$log" "$msg"
+    expect_no_line "$E2E_DIR/$log" "sendM1"
+    expect_line "$E2E_DIR/$log" "err:kestrd_apclone-requestTimeout|exit:"
+    expect_no_line "$E2E_DIR/$log" "exit:send search, but no response"
+    expect_eq "5G done after $log" "$(emu_db enr -g /runtime/apcloning/BAND_5G/done)" "1"
+}
+refused wrong-band.log "err:kestrd_apclone-continueAfterSearch|err:unsupport band" --band 0
+refused wrong-role.log "err:unsupport role" --role 1
+refused no-role.log "err:response packet is incomplete" --omit role
+refused no-band.log "err:response packet is incomplete" --omit band
 
 # With a registrar: a 5 GHz Search is answered for band 1, the enrollee
 # accepts the Response (same identifier, registrar role, band 1) and goes on
@@ -32,8 +56,19 @@ expect_no_line "$E2E_DIR/enrollee5.log" "exit:send search, but no response"
 expect_eq "5G done" "$(emu_db enr -g /runtime/apcloning/BAND_5G/done)" "1"
 
 # The registrar is still up and answers again.
-kill -0 "$EMU_BG_PID" || fail "registrar died"
+registrar=$EMU_BG_PID
+kill -0 "$registrar" || fail "registrar died"
 run_enrollee enr "$E2E_DIR/enrollee24.log" 15 apclone_24G
 [ "$(count_lines "$E2E_DIR/registrar.log" "msgApcloneProcesSearch")" -eq 2 ] ||
     fail "registrar did not answer the second Search"
+
+# Renew, other AP-autoconfiguration types and foreign types reach the
+# registrar and change nothing: no line, no answer, still running.
+before=$(wc -l <"$E2E_DIR/registrar.log")
+for type in 10 8 11 0 3 13 200; do
+    emu_exec peer "$PEER" --send "$type" --to 02:00:00:00:00:0a || fail "peer send $type"
+done
+sleep 1
+expect_eq "registrar lines after ignored types" "$(wc -l <"$E2E_DIR/registrar.log")" "$before"
+kill -0 "$registrar" || fail "registrar died"
 echo "PASS"
