@@ -7,7 +7,7 @@ export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: all deps build test test-plain test-asan test-tsan bench clean
+.PHONY: all deps build demo test test-plain test-asan test-tsan bench clean
 
 all: build
 
@@ -17,6 +17,12 @@ deps:
 build: deps
 	cmake -S . -B build -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
 	cmake --build build -j$(JOBS)
+
+# Two emulated devices on this machine: a registrar and an enrollee that
+# clones its 2.4 GHz and 5 GHz settings. Needs root (network namespaces).
+demo: build
+	scripts/install-deps capture
+	tools/demo.sh build
 
 # The whole suite twice: a plain build, then AddressSanitizer +
 # UndefinedBehaviorSanitizer in a build directory of its own; then the
