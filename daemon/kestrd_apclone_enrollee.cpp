@@ -9,6 +9,7 @@
 #include <new>
 
 #include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_wsc_fill.h"
 #include "port/19051_port.h"
 #include "port/common/bytes.h"
 #include "port/common/common.h"
@@ -28,19 +29,6 @@ namespace {
 
 char g_br0[] = "br0";
 
-template <typename Record, typename Value>
-void set_number(Record* r, Value v) {
-    r->val = v;
-    r->valid = 1;
-}
-
-template <typename Record>
-void set_from_getter(Record* r, int (*getter)(u_int8_t*, int), int room) {
-    const int n = getter(r->val, room);
-    r->valid_len = static_cast<u_int16_t>(n < 0 ? 0 : n);
-    r->valid = 1;
-}
-
 // An M1 that cannot be sent or recorded gives its key pair back at once:
 // no request will expire to do it.
 int give_up_m1(DH** dh) {
@@ -52,8 +40,8 @@ int give_up_m1(DH** dh) {
 
 int getWscConfigurationM1(wsc_configuration_t* config, int freqBand, DH** enrolle_DHSecret) {
     if (config == nullptr || enrolle_DHSecret == nullptr) return -1;
-    set_number(&config->version, 0x10);
-    set_number(&config->message_type, MessageType_M1);
+    kestr::fill::number(&config->version, 0x10);
+    kestr::fill::number(&config->message_type, MessageType_M1);
 
     IEEE19051Port_GetUUID(config->UUIDE.val, sizeof config->UUIDE.val);
     config->UUIDE.valid_len = sizeof config->UUIDE.val;
@@ -62,9 +50,7 @@ int getWscConfigurationM1(wsc_configuration_t* config, int freqBand, DH** enroll
     struct ether_addr own;
     std::memset(&own, 0, sizeof own);
     IEEE19051Port_GetMacByInterface(g_br0, &own);
-    std::memcpy(config->mac.val, own.ether_addr_octet, sizeof config->mac.val);
-    config->mac.valid_len = sizeof config->mac.val;
-    config->mac.valid = 1;
+    kestr::fill::bytes(&config->mac, own.ether_addr_octet, sizeof own.ether_addr_octet);
 
     linux_random(config->enrollee_nonce.val, kWscNonceLen);
     config->enrollee_nonce.valid_len = kWscNonceLen;
@@ -76,23 +62,9 @@ int getWscConfigurationM1(wsc_configuration_t* config, int freqBand, DH** enroll
     config->public_key.valid_len = kDhPublicKeyLen;
     config->public_key.valid = 1;
 
-    set_number(&config->authentication_type_flags, 0);
-    set_number(&config->encryption_type_flags, 0);
-    set_number(&config->configuration_methods, 0);
-    set_number(&config->connectioin_type_flags, 0);
-    set_number(&config->wifi_simple_configuration_state, 0);
-    set_from_getter(&config->manufacturer, IEEE19051Port_GetManufacturer, 64);
-    set_from_getter(&config->model_name, IEEE19051Port_GetModelName, 32);
-    set_from_getter(&config->model_number, IEEE19051Port_GetModelNumber, 32);
-    set_from_getter(&config->serial_number, IEEE19051Port_GetSerialNumber, 32);
-    set_from_getter(&config->primary_device_type, IEEE19051Port_GetDeviceType, 8);
-    set_from_getter(&config->device_name, IEEE19051Port_GetDeviceName, 32);
-    set_number(&config->rf_bands, freqBand == 0 ? RFBands_2P4G : RFBands_5G);
-    set_number(&config->association_state, 0);
-    set_number(&config->pwd_id, DevicePasswordID_PushButton);
-    set_number(&config->configuration_error, 0);
-    set_from_getter(&config->os_version, IEEE19051Port_GetOsVersion, 4);
-    set_from_getter(&config->vendor_extension, IEEE19051Port_GetVendorExtension, 1024);
+    kestr::fill::constants(config, freqBand);
+    kestr::fill::number(&config->wifi_simple_configuration_state, 0);
+    kestr::fill::identity(config);
     return 0;
 }
 

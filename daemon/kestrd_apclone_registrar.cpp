@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_wsc_fill.h"
 #include "port/19051_port.h"
 #include "port/common/bytes.h"
 #include "port/common/report.h"
@@ -33,27 +34,6 @@ constexpr int kSealBufferLen = 2046;
 
 char g_br0[] = "br0";
 
-template <typename Record>
-void set_bytes(Record* r, const void* src, size_t len) {
-    if (len > sizeof r->val) len = sizeof r->val;
-    std::memcpy(r->val, src, len);
-    r->valid_len = static_cast<u_int16_t>(len);
-    r->valid = 1;
-}
-
-template <typename Record, typename Value>
-void set_number(Record* r, Value v) {
-    r->val = v;
-    r->valid = 1;
-}
-
-template <typename Record>
-void set_from_getter(Record* r, int (*getter)(u_int8_t*, int), int room) {
-    const int n = getter(r->val, room);
-    r->valid_len = static_cast<u_int16_t>(n < 0 ? 0 : n);
-    r->valid = 1;
-}
-
 // The band's settings as they are sealed: SSID and key cut to what the
 // attributes hold, the key present even when empty, the MAC named in M1.
 wsc_encrypted_settings_t settings_to_seal(int freqBand, const wsc_configuration_t& M1config) {
@@ -64,11 +44,11 @@ wsc_encrypted_settings_t settings_to_seal(int freqBand, const wsc_configuration_
 
     wsc_encrypted_settings_t s;
     std::memset(&s, 0, sizeof s);
-    set_bytes(&s.ssid, local.ssid, strnlen(local.ssid, kSsidMax));
-    set_bytes(&s.network_key, local.pwd, strnlen(local.pwd, kNetworkKeyMax));
-    set_number(&s.authentication_type, static_cast<u_int16_t>(local.authtype));
-    set_number(&s.encryption_type, static_cast<u_int16_t>(local.encrtype));
-    set_bytes(&s.mac, M1config.mac.val, sizeof s.mac.val);
+    kestr::fill::bytes(&s.ssid, local.ssid, strnlen(local.ssid, kSsidMax));
+    kestr::fill::bytes(&s.network_key, local.pwd, strnlen(local.pwd, kNetworkKeyMax));
+    kestr::fill::number(&s.authentication_type, static_cast<u_int16_t>(local.authtype));
+    kestr::fill::number(&s.encryption_type, static_cast<u_int16_t>(local.encrtype));
+    kestr::fill::bytes(&s.mac, M1config.mac.val, sizeof s.mac.val);
     return s;
 }
 
@@ -79,40 +59,25 @@ int getWscConfigurationM2(wsc_configuration_t* config, wsc_configuration_t M1con
     if (config == nullptr) return -1;
     if (m1wsc == nullptr || m1len < 0 || m1len > kCmduContentLen) m1len = 0;
 
-    set_number(&config->version, 0x10);
-    set_number(&config->message_type, MessageType_M2);
-    set_bytes(&config->enrollee_nonce, M1config.enrollee_nonce.val, kWscNonceLen);
+    kestr::fill::number(&config->version, 0x10);
+    kestr::fill::number(&config->message_type, MessageType_M2);
+    kestr::fill::bytes(&config->enrollee_nonce, M1config.enrollee_nonce.val, kWscNonceLen);
     u_int8_t nonce[kWscNonceLen];
     linux_random(nonce, sizeof nonce);
-    set_bytes(&config->registrar_nonce, nonce, sizeof nonce);
+    kestr::fill::bytes(&config->registrar_nonce, nonce, sizeof nonce);
     IEEE19051Port_GetUUID(config->UUIDR.val, sizeof config->UUIDR.val);
     config->UUIDR.valid_len = sizeof config->UUIDR.val;
     config->UUIDR.valid = 1;
 
-    set_number(&config->authentication_type_flags, 0);
-    set_number(&config->encryption_type_flags, 0);
-    set_number(&config->connectioin_type_flags, 0);
-    set_number(&config->configuration_methods, 0);
-    set_number(&config->association_state, 0);
-    set_number(&config->configuration_error, 0);
-    set_number(&config->pwd_id, DevicePasswordID_PushButton);
-    set_number(&config->rf_bands, freqBand == 0 ? RFBands_2P4G : RFBands_5G);
-
-    set_from_getter(&config->manufacturer, IEEE19051Port_GetManufacturer, 64);
-    set_from_getter(&config->model_name, IEEE19051Port_GetModelName, 32);
-    set_from_getter(&config->model_number, IEEE19051Port_GetModelNumber, 32);
-    set_from_getter(&config->serial_number, IEEE19051Port_GetSerialNumber, 32);
-    set_from_getter(&config->primary_device_type, IEEE19051Port_GetDeviceType, 8);
-    set_from_getter(&config->device_name, IEEE19051Port_GetDeviceName, 32);
-    set_from_getter(&config->os_version, IEEE19051Port_GetOsVersion, 4);
-    set_from_getter(&config->vendor_extension, IEEE19051Port_GetVendorExtension, 1024);
+    kestr::fill::constants(config, freqBand);
+    kestr::fill::identity(config);
 
     // A key pair of this exchange only. Should it or the derivation fail, the
     // M2 still goes out, with keys the enrollee cannot verify.
     DH* dh = nullptr;
     u_int8_t public_key[kDhPublicKeyLen] = {};
     generatePublicKey(public_key, sizeof public_key, &dh);
-    set_bytes(&config->public_key, public_key, sizeof public_key);
+    kestr::fill::bytes(&config->public_key, public_key, sizeof public_key);
 
     wps_keys_t keys;
     std::memset(&keys, 0, sizeof keys);
@@ -148,7 +113,7 @@ int getWscConfigurationM2(wsc_configuration_t* config, wsc_configuration_t M1con
     u_int8_t digest[32];
     kestr::hmac_sha256_two(keys.authKey, sizeof keys.authKey, m1wsc, static_cast<size_t>(m1len),
                            m2tlv + kTlvHeaderLen, m2len, digest);
-    set_bytes(&config->authenticator, digest, 8);
+    kestr::fill::bytes(&config->authenticator, digest, 8);
     return 0;
 }
 

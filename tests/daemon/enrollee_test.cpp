@@ -17,6 +17,7 @@
 #include "protocol/19051_parse.h"
 #include "protocol/19051_parse_wsc.h"
 #include "protocol/19051_protocol.h"
+#include "tests/daemon/device_test.h"
 #include "tests/support/capture.h"
 #include "tests/support/netns.h"
 #include "tests/support/xmldbd.h"
@@ -29,18 +30,8 @@ using namespace std::chrono_literals;
 using Bytes = std::vector<uint8_t>;
 using kestr::test::db_get;
 
-class Enrollee : public ::testing::Test {
+class Enrollee : public kestr::test::DeviceTest {
 protected:
-    void SetUp() override {
-        KESTR_ENTER_NAMESPACES({.ipc = true});
-        // One database serves both sides: the registrar's settings and the
-        // enrollee's saved entries.
-        db_ = std::make_unique<kestr::test::XmldbdProcess>(
-            kestr::test::seed_path("registrar.xml"));
-        ASSERT_TRUE(db_->ok());
-        peer_ = std::make_unique<kestr::test::PeerPort>();
-        ASSERT_TRUE(peer_->ok());
-    }
     void TearDown() override {
         while (auto* r = IEEE19051_GetFirstRequestRecord()) {
             releaseRequestRecord(&r->info);
@@ -107,8 +98,6 @@ protected:
                }).out;
     }
 
-    std::unique_ptr<kestr::test::XmldbdProcess> db_;
-    std::unique_ptr<kestr::test::PeerPort> peer_;
     wsc_configuration_t m1_{};
     Bytes m1_attributes_;
     DH* dh_ = nullptr;

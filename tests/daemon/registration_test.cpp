@@ -13,6 +13,7 @@
 #include "protocol/19051_parse.h"
 #include "protocol/19051_parse_wsc.h"
 #include "protocol/19051_protocol.h"
+#include "tests/daemon/device_test.h"
 #include "tests/support/capture.h"
 #include "tests/support/netns.h"
 #include "tests/support/xmldbd.h"
@@ -81,19 +82,7 @@ std::string ssid(const Opened& o) {
     return std::string(reinterpret_cast<const char*>(o.settings.ssid.val), o.settings.ssid.valid_len);
 }
 
-class Registration : public ::testing::Test {
-protected:
-    void SetUp() override {
-        KESTR_ENTER_NAMESPACES({.ipc = true});
-        db_ = std::make_unique<kestr::test::XmldbdProcess>(
-            kestr::test::seed_path("registrar.xml"));
-        ASSERT_TRUE(db_->ok());
-        peer_ = std::make_unique<kestr::test::PeerPort>();
-        ASSERT_TRUE(peer_->ok());
-    }
-    std::unique_ptr<kestr::test::XmldbdProcess> db_;
-    std::unique_ptr<kestr::test::PeerPort> peer_;
-};
+using Registration = kestr::test::DeviceTest;
 
 TEST_F(Registration, BandFollowsTheM1sRfBands) {
     struct Case {
