@@ -7,7 +7,7 @@ export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: all deps build test test-plain test-asan test-tsan test-bigendian bench clean
+.PHONY: all deps build test test-plain test-asan test-tsan test-bigendian bench size install clean
 
 all: build
 
@@ -60,5 +60,19 @@ bench: deps
 	cmake --build build-bench -j$(JOBS)
 	@for b in build-bench/bin/bench_*; do [ -x "$$b" ] && "$$b" || exit 1; done
 
+# Stripped size of kestrd and of the shared libraries it needs, from a
+# size-optimised build without tests (SIZE_TOOLCHAIN=cmake/... measures a
+# cross build instead).
+size: deps
+	cmake -S . -B build-size -DCMAKE_BUILD_TYPE=MinSizeRel -DKESTR_BUILD_TESTS=OFF \
+	  -DKESTR_INSTALL_XMLDB=OFF $(if $(SIZE_TOOLCHAIN),-DCMAKE_TOOLCHAIN_FILE=$(abspath $(SIZE_TOOLCHAIN)))
+	cmake --build build-size -j$(JOBS) --target kestrd
+	scripts/size-report build-size
+
+# Installs into DESTDIR (a staging directory) under PREFIX.
+PREFIX ?= /usr/local
+install: build
+	DESTDIR=$(DESTDIR) cmake --install build --prefix $(PREFIX)
+
 clean:
-	rm -rf build build-asan build-tsan build-bench build-s390x
+	rm -rf build build-asan build-tsan build-bench build-s390x build-size
