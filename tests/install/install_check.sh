@@ -14,9 +14,9 @@ build=${1:?usage: install_check.sh BUILD_DIR [EMULATOR...]}
 shift
 run=("$@")
 
-stage=$(mktemp -d /tmp/kestr-stage.XXXXXX)
-trap 'rm -rf "$stage"' EXIT
 fail() { echo "FAIL: $*"; exit 1; }
+stage=$(mktemp -d /tmp/kestr-stage.XXXXXX) || fail "no scratch directory"
+trap 'rm -rf "$stage"' EXIT
 
 DESTDIR=$stage cmake --install "$build" --prefix /usr >"$stage.log" 2>&1 ||
     { cat "$stage.log"; rm -f "$stage.log"; fail "cmake --install"; }

@@ -265,9 +265,10 @@ struct Link {
     std::string peer_text = mac_text(peer.mac());
 };
 
+// A directory of the test's own for its captures; "" if none could be made.
 std::string scratch_dir() {
     char dir[] = "/tmp/kestr-wireshark-XXXXXX";
-    return mkdtemp(dir) != nullptr ? dir : "/tmp";
+    return mkdtemp(dir) != nullptr ? dir : "";
 }
 
 class Wireshark : public ::testing::Test {
@@ -277,6 +278,7 @@ class Wireshark : public ::testing::Test {
             GTEST_SKIP() << "tshark and tcpdump are needed (scripts/install-deps)";
         KESTR_ENTER_NAMESPACES();
         dir_ = scratch_dir();
+        ASSERT_NE(dir_, "");
     }
     void TearDown() override {
         if (!dir_.empty() && !HasFailure())
