@@ -35,6 +35,13 @@ int run_shell(const std::string& command) {
 }
 
 std::string enter_namespaces(const NamespaceOptions& options) {
+    // Under a user-mode emulator (the big-endian run) a test cannot start the
+    // helper programs it needs (xmldbd, kestrd: binaries of the emulated
+    // processor), and some system calls the namespace tests lean on, such as
+    // robust futex lists, are emulated only in part; these tests step aside.
+    const char* no_ns = std::getenv("KESTR_TEST_NO_NAMESPACES");
+    if (no_ns != nullptr && *no_ns != '\0' && std::strcmp(no_ns, "0") != 0)
+        return "skip: KESTR_TEST_NO_NAMESPACES is set (emulated run without namespaces)";
     if (geteuid() != 0) return "skip: needs root to create network and mount namespaces";
 
     int flags = CLONE_NEWNET;

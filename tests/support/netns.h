@@ -26,7 +26,9 @@ struct NamespaceOptions {
 };
 
 // "" on success; otherwise why the namespaces could not be made. When the
-// process is not root the reason starts with "skip:".
+// process is not root, or KESTR_TEST_NO_NAMESPACES is set to anything but
+// "" or "0" (test programs run under an emulator), the reason starts with
+// "skip:".
 std::string enter_namespaces(const NamespaceOptions& options = {});
 
 // Runs `command` through the shell; its exit status.

@@ -1,0 +1,459 @@
+// What our builders put on the link, as Wireshark's IEEE 1905.1 and WPS
+// dissectors read it. The test sends a discovery and registration exchange
+// from br0 with the project's own senders, tcpdump captures it on the far
+// end of the bridge (veth1), and the checker the end-to-end tests use
+// (tests/e2e/wireshark_check.sh) decodes the capture with tshark. The same
+// checker must refuse captures with faults our decoders would also reject.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <openssl/crypto.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "port/19051_port.h"
+#include "port/util.h"
+#include "protocol/19051_msg.h"
+#include "protocol/19051_parse_wsc.h"
+#include "protocol/19051_protocol.h"
+#include "tests/protocol/cmdu_util.h"
+#include "tests/support/netns.h"
+#include "wsc/encrypt/encrypt.h"
+#include "wsc/encrypt/wps_openssl.h"
+#include "wsc/wsc.h"
+
+extern char** environ;
+
+namespace {
+
+using kestr::test::cat;
+using kestr::test::hex;
+using kestr::test::PeerPort;
+using namespace std::chrono_literals;
+using Bytes = std::vector<uint8_t>;
+
+bool have(const char* program) {
+    return kestr::test::run_shell(std::string("command -v ") + program + " >/dev/null") == 0;
+}
+
+// Frames in a pcap file so far; the file is written by another process, so
+// a record cut off at the end is not counted.
+int pcap_frames(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    const Bytes b((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (b.size() < 24)
+        return -1;
+    // The file is in the writer's byte order; its magic tells which.
+    const bool big = b[0] == 0xA1 && b[1] == 0xB2;
+    auto u32 = [&](size_t at) {
+        return big ? uint32_t(b[at]) << 24 | uint32_t(b[at + 1]) << 16 | uint32_t(b[at + 2]) << 8 |
+                         b[at + 3]
+                   : uint32_t(b[at + 3]) << 24 | uint32_t(b[at + 2]) << 16 |
+                         uint32_t(b[at + 1]) << 8 | b[at];
+    };
+    int n = 0;
+    for (size_t at = 24; at + 16 <= b.size(); ++n) {
+        const size_t next = at + 16 + u32(at + 8);
+        if (next > b.size())
+            break;
+        at = next;
+    }
+    return n;
+}
+
+// tcpdump on veth1, writing 1905.1 frames to `path` until stop().
+class Capture {
+  public:
+    explicit Capture(std::string path) : path_(std::move(path)) {
+        std::vector<std::string> args = {
+            "tcpdump", "-i", "veth1", "-U", "-s", "0", "-w", path_, "ether proto 0x893a"};
+        std::vector<char*> argv;
+        for (auto& a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t quiet;
+        posix_spawn_file_actions_init(&quiet);
+        posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
+        if (posix_spawnp(&pid_, "tcpdump", &quiet, nullptr, argv.data(), environ) != 0)
+            pid_ = -1;
+        posix_spawn_file_actions_destroy(&quiet);
+        // tcpdump writes the file header only once its filter is in place.
+        for (int i = 0; i < 300 && pid_ > 0 && pcap_frames(path_) < 0; ++i)
+            std::this_thread::sleep_for(10ms);
+    }
+    ~Capture() { stop(0); }
+    bool running() const { return pid_ > 0 && pcap_frames(path_) >= 0; }
+
+    // Waits (a few seconds at most) until `frames` frames are in the file,
+    // then ends tcpdump. The frames counted so far.
+    int stop(int frames) {
+        for (int i = 0; i < 300 && pid_ > 0 && pcap_frames(path_) < frames; ++i)
+            std::this_thread::sleep_for(10ms);
+        if (pid_ > 0) {
+            kill(pid_, SIGINT);
+            waitpid(pid_, nullptr, 0);
+            pid_ = -1;
+        }
+        return pcap_frames(path_);
+    }
+
+  private:
+    std::string path_;
+    pid_t pid_ = -1;
+};
+
+struct Checked {
+    int status = -1;
+    std::string out;
+};
+
+// The checker, as the end-to-end tests run it.
+Checked check(const std::string& pcap, const std::string& expected) {
+    const std::string command =
+        std::string("bash ") + KESTR_WIRESHARK_CHECK + " " + pcap + " " + expected + " 2>&1";
+    Checked c;
+    FILE* p = popen(command.c_str(), "r");
+    if (p == nullptr)
+        return c;
+    char chunk[4096];
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, p)) > 0)
+        c.out.append(chunk, n);
+    const int status = pclose(p);
+    c.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return c;
+}
+
+template <typename Record>
+void set(Record& r, const Bytes& v) {
+    r.valid = 1;
+    r.valid_len = static_cast<u_int16_t>(v.size());
+    std::memcpy(r.val, v.data(), v.size());
+}
+
+template <typename Record>
+void set(Record& r, int (*getter)(u_int8_t*, int), int room) {
+    r.valid = 1;
+    r.valid_len = static_cast<u_int16_t>(getter(r.val, room));
+}
+
+Bytes encode(wsc_configuration_t c) {
+    Bytes tlv(1495);
+    const int n = IEEE19051_GetWscTlv(&c, tlv.data(), static_cast<int>(tlv.size()));
+    tlv.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return tlv;
+}
+
+// The device identity both messages carry, from the device port.
+void identity(wsc_configuration_t& c, u_int8_t rf_band) {
+    c.version = {1, 0x10};
+    c.authentication_type_flags = {1, 0};
+    c.encryption_type_flags = {1, 0};
+    c.connectioin_type_flags = {1, 0};
+    c.configuration_methods = {1, 0};
+    set(c.manufacturer, IEEE19051Port_GetManufacturer, 64);
+    set(c.model_name, IEEE19051Port_GetModelName, 32);
+    set(c.model_number, IEEE19051Port_GetModelNumber, 32);
+    set(c.serial_number, IEEE19051Port_GetSerialNumber, 32);
+    set(c.primary_device_type, IEEE19051Port_GetDeviceType, 8);
+    set(c.device_name, IEEE19051Port_GetDeviceName, 32);
+    c.rf_bands = {1, rf_band};
+    c.association_state = {1, 0};
+    c.pwd_id = {1, DevicePasswordID_PushButton};
+    c.configuration_error = {1, 0};
+    set(c.os_version, IEEE19051Port_GetOsVersion, 4);
+    set(c.vendor_extension, IEEE19051Port_GetVendorExtension, 1024);
+}
+
+// An M1 and the M2 that answers it, with fresh key pairs, sealed settings
+// and both authenticators, attribute for attribute as the two roles fill
+// them. The enrollee opens the M2, so the capture carries a real exchange.
+struct Registration {
+    Bytes m1, m2;  // whole WSC TLVs
+
+    explicit Registration(const Bytes& enrollee_mac, int band) : mac_(enrollee_mac) {
+        const u_int8_t rf = band == 0 ? RFBands_2P4G : RFBands_5G;
+        Bytes nonce(16), pub(192);
+        wsc_configuration_t c{};
+        identity(c, rf);
+        c.message_type = {1, MessageType_M1};
+        set(c.UUIDE, cat({Bytes(10, 0), enrollee_mac}));
+        set(c.mac, enrollee_mac);
+        linux_random(nonce.data(), 16);
+        set(c.enrollee_nonce, nonce);
+        generatePublicKey(pub.data(), 192, &enrollee_);
+        set(c.public_key, pub);
+        c.wifi_simple_configuration_state = {1, 0};
+        m1 = encode(c);
+
+        wsc_configuration_t r{};
+        identity(r, rf);
+        r.message_type = {1, MessageType_M2};
+        set(r.enrollee_nonce, nonce);
+        Bytes registrar_nonce(16);
+        linux_random(registrar_nonce.data(), 16);
+        set(r.registrar_nonce, registrar_nonce);
+        DH* registrar = nullptr;
+        generatePublicKey(pub.data(), 192, &registrar);
+        set(r.public_key, pub);
+        wps_keys_t keys{};
+        get_keys(c.public_key.val, registrar, nonce.data(), registrar_nonce.data(), c.mac.val,
+                 &keys);
+        reg_proto_delete_dhkeypair(&registrar);
+
+        wsc_encrypted_settings_t s{};
+        set(s.ssid, Bytes{'k', 'e', 's', 't', 'r', 'e', 'l'});
+        s.authentication_type = {1, 0x0022};
+        s.encryption_type = {1, 0x000C};
+        set(s.network_key, Bytes(12, 'k'));
+        Bytes plain(254), sealed(16 + 1024);
+        plain.resize(
+            static_cast<size_t>(get_plain_by_settings(s, plain.data(), 254, keys.authKey)));
+        int n = 0;
+        reg_proto_encrypt_data(plain.data(), static_cast<int>(plain.size()), keys.keyWrapKey,
+                               keys.authKey, sealed.data() + 16, &n, sealed.data());
+        sealed.resize(16 + static_cast<size_t>(n));
+        set(r.encrypted_settings, sealed);
+        const Bytes unsigned_m2 = encode(r);
+        uint8_t digest[32];
+        kestr::hmac_sha256_two(keys.authKey, 32, m1.data() + 3, m1.size() - 3,
+                               unsigned_m2.data() + 3, unsigned_m2.size() - 3, digest);
+        set(r.authenticator, Bytes(digest, digest + 8));
+        m2 = encode(r);
+        OPENSSL_cleanse(&keys, sizeof keys);
+    }
+    ~Registration() { reg_proto_delete_dhkeypair(&enrollee_); }
+
+    // The enrollee's verdict on the M2: 0 when it opens.
+    int open() {
+        wsc_configuration_t got{};
+        IEEE19051_ParseTlvWsc(reinterpret_cast<ieee1905TLV_t*>(m2.data()), &got);
+        wsc_encrypted_settings_t settings{};
+        return IEEE19051_ParseTlvWscEncryptedSettings(
+            &got, enrollee_, mac_.data(), &settings, m1.data() + 3, static_cast<int>(m1.size()) - 3,
+            m2.data() + 3, static_cast<int>(m2.size()) - 3);
+    }
+
+  private:
+    Bytes mac_;
+    DH* enrollee_ = nullptr;
+};
+
+std::string mac_text(const Bytes& b) {
+    const struct ether_addr a = kestr::test::mac(b);
+    char t[kMacTextSize];
+    mac_etheraddr_to_str(&a, t, sizeof t);
+    return t;
+}
+
+struct Link {
+    PeerPort peer;
+    Bytes br0 = kestr::test::interface_mac("br0");
+    std::string peer_text = mac_text(peer.mac());
+};
+
+// A directory of the test's own for its captures; "" if none could be made.
+std::string scratch_dir() {
+    char dir[] = "/tmp/kestr-wireshark-XXXXXX";
+    return mkdtemp(dir) != nullptr ? dir : "";
+}
+
+class Wireshark : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!have("tshark") || !have("tcpdump"))
+            GTEST_SKIP() << "tshark and tcpdump are needed (scripts/install-deps)";
+        KESTR_ENTER_NAMESPACES();
+        dir_ = scratch_dir();
+        ASSERT_NE(dir_, "");
+    }
+    void TearDown() override {
+        if (!dir_.empty() && !HasFailure())
+            kestr::test::run_shell("rm -rf " + dir_);
+        else if (!dir_.empty())
+            std::printf("captures kept in %s\n", dir_.c_str());
+    }
+    std::string pcap(const std::string& name) { return dir_ + "/" + name + ".pcap"; }
+
+    std::string dir_;
+};
+
+TEST_F(Wireshark, DiscoveryAndRegistrationDecodeCleanly) {
+    Link link;
+    ASSERT_TRUE(link.peer.ok());
+    // Both bands, with the identifiers of a long-running device (above
+    // 0x7fff, so a sign error in the header would show).
+    const std::string file = pcap("exchange");
+    {
+        Capture capture(file);
+        ASSERT_TRUE(capture.running());
+        int mid = 0x8a10;
+        for (int band : {0, 1}) {
+            Registration reg(link.br0, band);
+            ASSERT_EQ(reg.open(), 0) << "the M2 we send must open for the enrollee";
+            ASSERT_EQ(IEEE19051_SendMsgApAutoconfigurationSearch(
+                          "br0", mid, {0, static_cast<uint8_t>(band), kestr::test::mac(link.br0)}),
+                      0);
+            ASSERT_EQ(IEEE19051_SendMsgApAutoconfigurationResponse(
+                          link.peer_text.c_str(), "br0", mid, {0, static_cast<uint8_t>(band)}),
+                      0);
+            ASSERT_EQ(IEEE19051_SendMsgApAutoconfigurationWsc2(
+                          link.peer_text.c_str(), "br0", mid + 1,
+                          reinterpret_cast<ieee1905TLV_t*>(reg.m1.data())),
+                      0);
+            ASSERT_EQ(IEEE19051_SendMsgApAutoconfigurationWsc2(
+                          link.peer_text.c_str(), "br0", mid + 2,
+                          reinterpret_cast<ieee1905TLV_t*>(reg.m2.data())),
+                      0);
+            mid += 3;
+        }
+        ASSERT_EQ(capture.stop(8), 8);
+    }
+    const Checked c = check(file, "search response m1 m2 search response m1 m2");
+    EXPECT_EQ(c.status, 0) << c.out;
+    // Without an expected sequence every frame still has to be one of ours.
+    const Checked any = check(file, "");
+    EXPECT_EQ(any.status, 0) << any.out;
+}
+
+// Each case puts frames on the link that are wrong in one way; the checker
+// must fail (status 1) and say what it found.
+TEST_F(Wireshark, CheckerRefusesFaultyFrames) {
+    Link link;
+    ASSERT_TRUE(link.peer.ok());
+    const Bytes head = cat({hex("01 80 c2 00 00 13"), link.peer.mac(), hex("89 3a")});
+    auto raw = [&](const Bytes& cmdu) {
+        return [&link, frame = cat({head, cmdu})] {
+            Bytes padded = frame;
+            padded.resize(std::max<size_t>(padded.size(), 60), 0);
+            return link.peer.send(padded) ? 0 : -1;
+        };
+    };
+    auto wsc = [&](std::function<void(Bytes&)> edit, bool is_m2 = false) {
+        return [&link, edit, is_m2] {
+            Registration reg(link.br0, 0);
+            Bytes tlv = is_m2 ? reg.m2 : reg.m1;
+            edit(tlv);
+            return IEEE19051_SendMsgApAutoconfigurationWsc2(
+                link.peer_text.c_str(), "br0", 0x0101,
+                reinterpret_cast<ieee1905TLV_t*>(tlv.data()));
+        };
+    };
+    // Attribute `n` (0-based) of a WSC TLV: its offset.
+    auto attr_at = [](const Bytes& tlv, int n) {
+        size_t at = 3;
+        for (int i = 0; i < n; ++i)
+            at += 4 + (size_t(tlv[at + 2]) << 8 | tlv[at + 3]);
+        return at;
+    };
+    auto swap_attrs = [attr_at](int a) {  // attribute a and a + 1 change places
+        return [attr_at, a](Bytes& tlv) {
+            const size_t x = attr_at(tlv, a), y = attr_at(tlv, a + 1), z = attr_at(tlv, a + 2);
+            Bytes swapped(tlv.begin() + y, tlv.begin() + z);
+            swapped.insert(swapped.end(), tlv.begin() + x, tlv.begin() + y);
+            std::copy(swapped.begin(), swapped.end(), tlv.begin() + x);
+        };
+    };
+    const Bytes al_mac = hex("01 00 06 02 00 00 00 00 0b");
+    const struct Case {
+        const char* what;
+        std::vector<std::function<int()>> send;
+        const char* expected;
+        const char* says;
+    } cases[] = {
+        {"a TLV length that runs past the frame",
+         {raw(cat({hex("00 00 00 07 01 00 00 80"), hex("01 04 00 02 00 00 00 00 0b")}))},
+         "search",
+         "Malformed"},
+        {"a Search without its frequency band",
+         {raw(cat({hex("00 00 00 07 01 00 00 80"), al_mac, hex("0d 00 01 00  00 00 00")}))},
+         "search",
+         "frame 1 (search): TLVs"},
+        {"a Response that names a role instead of a band",
+         {raw(hex("00 00 00 08 01 00 00 80  0f 00 01 00  0f 00 01 00  00 00 00"))},
+         "response",
+         "frame 1 (response): TLVs"},
+        {"M1 with Manufacturer and Model Name swapped",
+         {wsc(swap_attrs(11))},
+         "m1",
+         "frame 1 (m1): WSC attributes"},
+        {"M2 with its Authenticator before the Encrypted Settings",
+         {wsc(swap_attrs(21), true)},
+         "m2",
+         "frame 1 (m2): WSC attributes"},
+        {"a WSC attribute longer than the TLV that holds it",
+         {wsc([attr_at](Bytes& tlv) { tlv[attr_at(tlv, 22) + 3] += 40; })},
+         "m1",
+         "frame 1 (m1): Malformed"},
+        {"a Response where a Search was expected",
+         {raw(hex("00 00 00 08 01 00 00 80  0f 00 01 00  10 00 01 00  00 00 00"))},
+         "search",
+         "frame 1: a response, expected a search"},
+        {"one frame more than expected",
+         {raw(cat(
+              {hex("00 00 00 07 01 00 00 80"), al_mac, hex("0d 00 01 00 0e 00 01 00 00 00 00")})),
+          raw(cat(
+              {hex("00 00 00 07 01 01 00 80"), al_mac, hex("0d 00 01 00 0e 00 01 00 00 00 00")}))},
+         "search",
+         "2 frames, expected 1"},
+        {"a topology query, which no cloning run sends",
+         {raw(hex("00 00 00 02 01 00 00 80  00 00 00"))},
+         "",
+         "frame 1: message type 2"},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        const std::string file = pcap("fault" + std::to_string(++n));
+        {
+            Capture capture(file);
+            ASSERT_TRUE(capture.running()) << c.what;
+            for (const auto& send : c.send)
+                ASSERT_EQ(send(), 0) << c.what;
+            ASSERT_EQ(capture.stop(static_cast<int>(c.send.size())),
+                      static_cast<int>(c.send.size()))
+                << c.what;
+        }
+        const Checked got = check(file, c.expected);
+        EXPECT_EQ(got.status, 1) << c.what << "\n" << got.out;
+        EXPECT_NE(got.out.find(c.says), std::string::npos) << c.what << "\n" << got.out;
+    }
+}
+
+TEST_F(Wireshark, CheckerUsage) {
+    const struct Case {
+        std::string args;
+        int status;
+    } cases[] = {
+        {"", 2},                             // no capture named
+        {dir_ + "/missing.pcap search", 2},  // cannot be read
+        {dir_ + "/text.pcap search", 2},     // not a capture
+        {pcap("empty") + " bogus", 2},       // unknown message name
+    };
+    std::ofstream(dir_ + "/text.pcap") << "not a capture\n";
+    {
+        Capture capture(pcap("empty"));
+        ASSERT_TRUE(capture.running());
+    }
+    for (const Case& c : cases) {
+        const Checked got = check(c.args, "");
+        EXPECT_EQ(got.status, c.status) << c.args << "\n" << got.out;
+    }
+    // An empty capture matches an empty expectation and nothing else.
+    EXPECT_EQ(check(pcap("empty"), "").status, 0);
+    EXPECT_EQ(check(pcap("empty"), "search").status, 1);
+}
+
+}  // namespace
