@@ -27,8 +27,19 @@ clone() {  # WORD LOG: one enrollee run that must complete
     [ "$E2E_SECONDS" -le 8 ] || fail "$1 took $E2E_SECONDS s"
 }
 
-# 2.4 GHz: a WPA2-PSK/AES profile is saved with the device's PSK words.
+# 2.4 GHz: a WPA2-PSK/AES profile is saved with the device's PSK words. The
+# exchange is captured on the link and must decode cleanly in Wireshark's
+# 1905.1 and WPS dissectors, message by message, attribute by attribute.
+capture=no
+if command -v tshark >/dev/null && emu_capture_start "$E2E_DIR/clone24.pcap"; then capture=yes; fi
 clone apclone_24G run24.log
+if [ $capture = yes ]; then
+    emu_capture_stop
+    bash "$E2E_SRC/tests/e2e/wireshark_check.sh" "$E2E_DIR/clone24.pcap" search response m1 m2 \
+        >"$E2E_DIR/wireshark.log" 2>&1 || fail "the capture does not decode cleanly"
+else
+    echo "note: no tshark/tcpdump: the capture check is left out"
+fi
 check_entry BAND_2P4G 1 "kestrel-home-24" "wind over the meadow 24" "WPA+2PSK" "TKIP+AES"
 expect_eq "2.4G count" "$(emu_db enr -g /runtime/apcloning/BAND_2P4G/count)" "1"
 expect_eq "2.4G done" "$(emu_db enr -g /runtime/apcloning/BAND_2P4G/done)" "1"
