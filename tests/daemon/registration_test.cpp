@@ -36,6 +36,7 @@ struct Enrollee {
 Bytes m1_frame(Enrollee* e, int band, const std::function<void(wsc_configuration_t*)>& edit,
                const Bytes& src) {
     std::memset(&e->m1, 0, sizeof e->m1);
+    reg_proto_delete_dhkeypair(&e->dh);  // a fresh key pair per M1
     getWscConfigurationM1(&e->m1, band, &e->dh);
     if (edit) edit(&e->m1);
     ieee1905Message_t frame{};
