@@ -102,6 +102,12 @@ TEST(ConfigTree, XmlRoundTripAndMerge) {
         {"/m/c", "child"},
         {"/", "root text"},
         {"/e", ""},
+        // XML readers turn a carriage return into a line feed; an SSID may
+        // hold either.
+        {"/w/entry:3/ssid", "cr\rin the middle\r\n"},
+        // Blanks next to child elements are layout to an XML reader.
+        {"/n", "  "},
+        {"/n/c", "child"},
     };
     for (const auto& [path, value] : values)
         ASSERT_TRUE(tree.set(path, value)) << path;
