@@ -7,7 +7,13 @@ export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: all deps build demo test test-plain test-asan test-tsan bench clean
+# Fuzzing: seconds per target for `make fuzz`, and for the short run of
+# every target that `make test` ends with.
+FUZZ_SECONDS ?= 60
+FUZZ_CI_SECONDS ?= 15
+
+.PHONY: all deps build demo test test-plain test-asan test-tsan bench clean \
+	fuzz fuzz-build fuzz-ci fuzz-corpus
 
 all: build
 
@@ -26,11 +32,13 @@ demo: build
 
 # The whole suite twice: a plain build, then AddressSanitizer +
 # UndefinedBehaviorSanitizer in a build directory of its own; then the
-# threaded tests once more under ThreadSanitizer.
+# threaded tests once more under ThreadSanitizer; then every fuzz target for
+# a short, bounded time.
 test: deps
 	$(MAKE) test-plain
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
+	$(MAKE) fuzz-ci
 
 test-plain:
 	cmake -S . -B build -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
@@ -47,10 +55,27 @@ test-tsan:
 	cmake --build build-tsan -j$(JOBS)
 	cd build-tsan && ctest --output-on-failure -j$(JOBS) -L threads
 
+# libFuzzer targets (clang, ASan + UBSan) in build-fuzz/, each run for
+# FUZZ_SECONDS in private namespaces; see fuzz/run.sh.
+fuzz-build: deps
+	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+		-DCMAKE_CXX_COMPILER=clang++ -DKESTR_FUZZ=ON -DKESTR_BUILD_TESTS=OFF
+	cmake --build build-fuzz -j$(JOBS) --target fuzzers
+
+fuzz: fuzz-build
+	fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
+fuzz-ci: fuzz-build
+	fuzz/run.sh build-fuzz $(FUZZ_CI_SECONDS)
+
+# Rewrites the checked-in seeds from fuzz/exchange.pcap (or PCAP=...).
+fuzz-corpus: fuzz-build
+	fuzz/run.sh build-fuzz corpus $(PCAP)
+
 bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKESTR_BUILD_TESTS=OFF -DKESTR_BUILD_BENCH=ON
 	cmake --build build-bench -j$(JOBS)
 	@for b in build-bench/bin/bench_*; do [ -x "$$b" ] && "$$b" || exit 1; done
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-bench build-fuzz
