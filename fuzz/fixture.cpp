@@ -220,6 +220,8 @@ std::vector<uint8_t> with_kwa(const uint8_t* plain, size_t plain_len) {
 }
 
 std::vector<uint8_t> wsc_frame(const std::vector<uint8_t>& tlv, int mid) {
+    if (tlv.empty())
+        return {};
     ieee1905Message_t packet;
     std::memset(&packet, 0, sizeof packet);
     param_t param{};

@@ -61,7 +61,7 @@ std::vector<uint8_t> sealed_m2(const uint8_t* plain, size_t plain_len);
 std::vector<uint8_t> with_kwa(const uint8_t* plain, size_t plain_len);
 
 // A type-9 frame from the registrar to the enrollee around a WSC TLV, cut
-// to its length.
+// to its length; empty for an empty TLV.
 std::vector<uint8_t> wsc_frame(const std::vector<uint8_t>& tlv, int mid);
 
 }  // namespace kestr::fuzz

@@ -1,6 +1,15 @@
 // The enrollee's message handlers driven with a fuzzed frame in place of a
 // received one: the Response handler and the M2 handler both get every
-// frame, while an enrollee run is in progress.
+// frame, while an enrollee run is in progress. The first byte of the input
+// says what the frame is:
+//   0 (and any even value)  the rest of the input, as received;
+//   1 (and 5, 9, ...)       an M2 from the registrar 02:00:00:00:00:0a whose
+//                           Encrypted Settings seal the rest of the input as
+//                           plaintext with the keys of the fixed M1 below;
+//   3 (and 7, 11, ...)      the same with the Key Wrap Authenticator the
+//                           registrar computes appended to the plaintext.
+// A registrar holding the keys can send any settings it likes; with them the
+// handlers go on to open the M2 and save what it carries.
 //
 // Before the first input, the pending-request list gets what a run leaves
 // in it: a Search for each band (the identifiers of the Searches of a
@@ -57,7 +66,18 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    kestr::fuzz::Frame frame(data, size);
+    if (size < 1)
+        return 0;
+    std::vector<uint8_t> received(data + 1, data + size);
+    if ((data[0] & 1) != 0) {
+        if ((data[0] & 2) != 0)
+            received = kestr::fuzz::with_kwa(received.data(), received.size());
+        received = kestr::fuzz::wsc_frame(kestr::fuzz::sealed_m2(received.data(), received.size()),
+                                          0x0400);
+        if (received.empty())
+            return 0;  // more than one M2 can seal
+    }
+    kestr::fuzz::Frame frame(received.data(), received.size());
     const std::vector<uint8_t> before(frame.data(), frame.data() + kCmduMaxFrameLen);
 
     msgApcloneProcessResponse(IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_RESPONSE, frame.data(),

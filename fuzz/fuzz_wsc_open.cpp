@@ -29,8 +29,8 @@ struct Opened {
     wsc_encrypted_settings_t settings;
 };
 
-// As the enrollee's M1 handler does it: parse the WSC TLV, then open it
-// against the M1 as sent.
+// As the M1 request's response handler does it: parse the WSC TLV, then
+// open it against the M1 as sent.
 Opened open_m2(std::vector<uint8_t> tlv) {
     const kestr::fuzz::FixedExchange& x = fixed_exchange();
     wsc_configuration_t m2;

@@ -282,7 +282,7 @@ int main(int argc, char** argv) {
         if (name.rfind("search", 0) == 0 || name.rfind("m1", 0) == 0)
             put("fuzz_registrar", name, f);
         if (name.rfind("response", 0) == 0)
-            put("fuzz_enrollee", name, f);
+            put("fuzz_enrollee", name, cat({{0}, f}));
         if (name.rfind("m", 0) == 0 && name.back() == '1') {
             const Bytes tlv = wsc_tlv_of(f);
             put("fuzz_wsc", name + "-attributes", Bytes(tlv.begin() + 3, tlv.end()));
@@ -302,11 +302,10 @@ int main(int argc, char** argv) {
     const Bytes m2_built = kestr::fuzz::registrar_m2(1);
     const Bytes psk_plain = plaintext(psk);
     const Bytes m2_sealed = kestr::fuzz::sealed_m2(psk_plain.data(), psk_plain.size());
-    put("fuzz_enrollee", "m2-from-registrar", kestr::fuzz::wsc_frame(m2_built, 0x0300));
-    put("fuzz_enrollee", "m2-psk", kestr::fuzz::wsc_frame(m2_sealed, 0x0301));
+    put("fuzz_enrollee", "m2-from-registrar", cat({{0}, kestr::fuzz::wsc_frame(m2_built, 0x0300)}));
+    put("fuzz_enrollee", "m2-psk", cat({{0}, kestr::fuzz::wsc_frame(m2_sealed, 0x0301)}));
     const Bytes wep_plain = plaintext(wep);
-    put("fuzz_enrollee", "m2-wep",
-        kestr::fuzz::wsc_frame(kestr::fuzz::sealed_m2(wep_plain.data(), wep_plain.size()), 0x0302));
+    put("fuzz_enrollee", "sealed-wep", cat({{1}, wep_plain}));
     put("fuzz_wsc", "m2-psk-attributes", Bytes(m2_sealed.begin() + 3, m2_sealed.end()));
 
     put("fuzz_wsc_open", "received-m2-from-registrar",
@@ -325,6 +324,14 @@ int main(int argc, char** argv) {
              attribute(WSC_ID_VENDOR_EXT, {0x00, 0x37, 0x2a, 1, 2, 3}),
              attribute(0x10FF, text("unknown")), attribute(WSC_ID_DEVICE_PASSWORD_ID, {0, 4})});
     put("fuzz_wsc_open", "sealed-extras-kwa-appended", cat({{3}, extras}));
+    put("fuzz_enrollee", "sealed-extras-kwa-appended", cat({{3}, extras}));
+    // Settings no registrar of ours sends: bytes an SSID may hold, a key of
+    // the full 64 bytes.
+    const Bytes odd =
+        cat({attribute(WSC_ID_SSID, Bytes{'a', 0, ' ', '\n', '/', ':', 0xff, 'z'}),
+             attribute(WSC_ID_AUTH_TYPE, {0, 0x20}), attribute(WSC_ID_ENCR_TYPE, {0, 0x08}),
+             attribute(WSC_ID_NETWORK_KEY, Bytes(64, 'k'))});
+    put("fuzz_enrollee", "sealed-odd-settings-kwa-appended", cat({{3}, odd}));
     put("fuzz_wsc_plain", "psk", psk_plain);
     put("fuzz_wsc_plain", "open", open_plain);
     put("fuzz_wsc_plain", "wep", wep_plain);
