@@ -347,6 +347,8 @@ int main(int argc, char** argv) {
     put("fuzz_xmldbd_request", "read", request(XMLDB_READ, "seed.xml"));
     put("fuzz_xmldbd_request", "getext", request(XMLDB_GETEXT, "/a cmd", 7));
     put("fuzz_xmldbd_request", "timer", request(XMLDB_TIMER, "tag 1"));
+    // Once lost by a dump and a read: a carriage return in a value.
+    put("fuzz_xmldbd_request", "set-carriage-return", request(XMLDB_SET, "/w/entry:1/ssid a\rb"));
 
     // Database replies, piece by piece.
     put("fuzz_xmldbc_reply", "value", cat({{0, 63}, value("BAND24G-1.1")}));
@@ -402,6 +404,9 @@ int main(int argc, char** argv) {
     const std::string seeds = KESTR_SOURCE_DIR "/tools/seeds/";
     put("fuzz_xmldbd_xml", "registrar.xml", text(read_text(seeds + "registrar.xml")));
     put("fuzz_xmldbd_xml", "enrollee.xml", text(read_text(seeds + "enrollee.xml")));
+    // Once lost by a dump and a read: a carriage return, blanks beside children.
+    put("fuzz_xmldbd_xml", "carriage-return-and-blanks",
+        text("<xmldb><a>x&#13;y</a><device>  </device></xmldb>"));
     put("fuzz_xmldbd_xml", "values",
         text("<xmldb><a> blanks "
              "</a><b>1<c>2</c></b><l>x</l><l>y</l><e/><d><![CDATA[<>]]></d></xmldb>"));

@@ -138,6 +138,30 @@ TEST(ConfigTree, XmlRoundTripAndMerge) {
     EXPECT_EQ(copy.get("/m/c"), "changed");
 }
 
+// Whatever a merge accepts comes back unchanged from a dump and a read.
+TEST(ConfigTree, MergedValuesSurviveADump) {
+    const struct {
+        const char* xml;
+        const char* path;
+        const char* value;
+    } cases[] = {
+        {"<x><m>  </m></x>", "/m", "  "},  // blanks beside the child /m/c
+        {"<x><s>a&#13;b</s></x>", "/s", "a\rb"},
+        {"<x><s>a\r\nb</s></x>", "/s", "a\r\nb"},
+    };
+    for (const auto& c : cases) {
+        ConfigTree tree;
+        ASSERT_TRUE(tree.set("/m/c", "child"));
+        std::string error;
+        ASSERT_TRUE(tree.merge(c.xml, &error)) << error;
+        EXPECT_EQ(tree.get(c.path), c.value) << c.xml;
+        ConfigTree reread;
+        ASSERT_TRUE(reread.load(tree.to_xml(), &error)) << error;
+        EXPECT_EQ(reread.get(c.path), c.value) << c.xml;
+        EXPECT_EQ(reread.to_xml(), tree.to_xml()) << c.xml;
+    }
+}
+
 TEST(ConfigTree, BadFilesChangeNothing) {
     std::string too_many = "<db>";
     for (size_t i = 0; i <= xmldbd::kMaxNodes; ++i)
