@@ -7,7 +7,13 @@ export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian bench size install clean
+# Fuzzing: seconds per target for `make fuzz`, and for the short run of
+# every target that `make test` ends with.
+FUZZ_SECONDS ?= 60
+FUZZ_CI_SECONDS ?= 15
+
+.PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian bench size install \
+	clean fuzz fuzz-build fuzz-ci fuzz-corpus
 
 all: build
 
@@ -26,14 +32,15 @@ demo: build
 
 # The whole suite twice: a plain build, then AddressSanitizer +
 # UndefinedBehaviorSanitizer in a build directory of its own; then the
-# threaded tests once more under ThreadSanitizer; last, everything built for
-# a big-endian processor with the tests that need no namespace run under
-# an emulator.
+# threaded tests once more under ThreadSanitizer; then everything built for
+# a big-endian processor with the tests that need no namespace run under an
+# emulator; last, every fuzz target for a short, bounded time.
 test: deps
 	$(MAKE) test-plain
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
 	$(MAKE) test-bigendian
+	$(MAKE) fuzz-ci
 
 test-plain:
 	cmake -S . -B build -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
@@ -61,6 +68,23 @@ test-bigendian:
 	cmake --build build-s390x -j$(JOBS)
 	cd build-s390x && KESTR_TEST_NO_NAMESPACES=1 ctest --output-on-failure -j$(JOBS) -LE e2e
 
+# libFuzzer targets (clang, ASan + UBSan) in build-fuzz/, each run for
+# FUZZ_SECONDS in private namespaces; see fuzz/run.sh.
+fuzz-build: deps
+	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+		-DCMAKE_CXX_COMPILER=clang++ -DKESTR_FUZZ=ON -DKESTR_BUILD_TESTS=OFF
+	cmake --build build-fuzz -j$(JOBS) --target fuzzers
+
+fuzz: fuzz-build
+	fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
+fuzz-ci: fuzz-build
+	fuzz/run.sh build-fuzz $(FUZZ_CI_SECONDS)
+
+# Rewrites the checked-in seeds from fuzz/exchange.pcap (or PCAP=...).
+fuzz-corpus: fuzz-build
+	fuzz/run.sh build-fuzz corpus $(PCAP)
+
 bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKESTR_BUILD_TESTS=OFF -DKESTR_BUILD_BENCH=ON
 	cmake --build build-bench -j$(JOBS)
@@ -81,4 +105,4 @@ install: build
 	DESTDIR=$(DESTDIR) cmake --install build --prefix $(PREFIX)
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-s390x build-size
+	rm -rf build build-asan build-tsan build-bench build-s390x build-size build-fuzz

@@ -102,6 +102,12 @@ TEST(ConfigTree, XmlRoundTripAndMerge) {
         {"/m/c", "child"},
         {"/", "root text"},
         {"/e", ""},
+        // XML readers turn a carriage return into a line feed; an SSID may
+        // hold either.
+        {"/w/entry:3/ssid", "cr\rin the middle\r\n"},
+        // Blanks next to child elements are layout to an XML reader.
+        {"/n", "  "},
+        {"/n/c", "child"},
     };
     for (const auto& [path, value] : values)
         ASSERT_TRUE(tree.set(path, value)) << path;
@@ -130,6 +136,30 @@ TEST(ConfigTree, XmlRoundTripAndMerge) {
     EXPECT_EQ(copy.get("/w/entry:3/ssid"), "third");
     EXPECT_EQ(copy.get("/m"), "value before children");  // no text of its own in the file
     EXPECT_EQ(copy.get("/m/c"), "changed");
+}
+
+// Whatever a merge accepts comes back unchanged from a dump and a read.
+TEST(ConfigTree, MergedValuesSurviveADump) {
+    const struct {
+        const char* xml;
+        const char* path;
+        const char* value;
+    } cases[] = {
+        {"<x><m>  </m></x>", "/m", "  "},  // blanks beside the child /m/c
+        {"<x><s>a&#13;b</s></x>", "/s", "a\rb"},
+        {"<x><s>a\r\nb</s></x>", "/s", "a\r\nb"},
+    };
+    for (const auto& c : cases) {
+        ConfigTree tree;
+        ASSERT_TRUE(tree.set("/m/c", "child"));
+        std::string error;
+        ASSERT_TRUE(tree.merge(c.xml, &error)) << error;
+        EXPECT_EQ(tree.get(c.path), c.value) << c.xml;
+        ConfigTree reread;
+        ASSERT_TRUE(reread.load(tree.to_xml(), &error)) << error;
+        EXPECT_EQ(reread.get(c.path), c.value) << c.xml;
+        EXPECT_EQ(reread.to_xml(), tree.to_xml()) << c.xml;
+    }
 }
 
 TEST(ConfigTree, BadFilesChangeNothing) {

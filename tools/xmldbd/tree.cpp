@@ -9,9 +9,12 @@ namespace {
 
 constexpr const char* kDefaultRootName = "xmldb";
 
-// Whitespace-only text is kept when it is an element's only content (a value
-// of blanks survives a dump and a read) and dropped between elements.
-constexpr unsigned kParseOptions = pugi::parse_default | pugi::parse_ws_pcdata_single;
+// Whitespace-only text is kept when it is an element's only content and
+// dropped between elements, where it is the layout of the file. Line ends
+// are not normalised: a value's carriage returns are its own (an SSID may
+// hold any byte), and they are written out as they are.
+constexpr unsigned kParseOptions =
+    (pugi::parse_default | pugi::parse_ws_pcdata_single) & ~pugi::parse_eol;
 
 struct Step {
     std::string name;
@@ -150,9 +153,13 @@ void set_value(pugi::xml_node node, const std::string& value) {
             node.remove_child(c);
         c = next;
     }
-    // The value goes before the children so a dump reads value first.
-    if (!value.empty())
-        node.prepend_child(pugi::node_pcdata).set_value(value.c_str());
+    if (value.empty())
+        return;
+    // A value of blanks is written as CDATA: next to child elements, plain
+    // blanks would be taken for layout when the dump is read back. The value
+    // goes before the children so a dump reads value first.
+    const bool blanks = value.find_first_not_of(" \t\n\r") == std::string::npos;
+    node.prepend_child(blanks ? pugi::node_cdata : pugi::node_pcdata).set_value(value.c_str());
 }
 
 // Elements below `node`; false when deeper than `depth_left` allows.
