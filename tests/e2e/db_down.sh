@@ -24,15 +24,7 @@ start_enrollee() {  # WORD LOG
 }
 # Waits for that run; it must end by itself, with status 0, within LIMIT s.
 end_enrollee() {  # LIMIT
-    local i
-    for i in $(seq 1 $(($1 * 10))); do
-        kill -0 "$ENROLLEE" 2>/dev/null || break
-        # A zombie has ended; only its status is left to collect.
-        [ -z "$(mem_kb "$ENROLLEE" VmRSS)" ] && break
-        sleep 0.1
-    done
-    [ -z "$(mem_kb "$ENROLLEE" VmRSS)" ] || { kill "$ENROLLEE"; fail "enrollee hung"; }
-    wait "$ENROLLEE" || fail "enrollee exited with $?"
+    wait_exit "$ENROLLEE" "$1" "the enrollee run"
     E2E_SECONDS=$((SECONDS - ENROLLEE_T0))
 }
 

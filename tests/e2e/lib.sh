@@ -109,6 +109,22 @@ mem_kb() {  # PID FIELD
     awk -v f="$2:" '$1 == f { print $2 }' "/proc/$1/status" 2>/dev/null
 }
 
+# Waits for a background process of the test to end by itself within LIMIT
+# seconds and with status 0; kills it and fails otherwise.
+wait_exit() {  # PID LIMIT WHAT
+    local i
+    for i in $(seq 1 $(($2 * 10))); do
+        # A zombie has ended; only its status is left to collect.
+        [ -z "$(mem_kb "$1" VmRSS)" ] && break
+        sleep 0.1
+    done
+    if [ -n "$(mem_kb "$1" VmRSS)" ]; then
+        kill -KILL "$1"
+        fail "$3 did not end within $2 s"
+    fi
+    wait "$1" || fail "$3 exited with $?"
+}
+
 # Waits until FILE holds a line with TEXT; 1 after LIMIT seconds.
 wait_for_line() {  # FILE TEXT LIMIT
     local i
