@@ -7,7 +7,7 @@ export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: all deps build demo test test-plain test-asan test-tsan bench clean
+.PHONY: all deps build demo test test-plain test-asan test-tsan valgrind bench clean
 
 all: build
 
@@ -24,10 +24,12 @@ demo: build
 	scripts/install-deps capture
 	tools/demo.sh build
 
-# The whole suite twice: a plain build, then AddressSanitizer +
-# UndefinedBehaviorSanitizer in a build directory of its own; then the
-# threaded tests once more under ThreadSanitizer.
+# The whole suite twice: a plain build (with the memcheck run of a clone),
+# then AddressSanitizer + UndefinedBehaviorSanitizer in a build directory of
+# its own; then the threaded and the end-to-end tests once more under
+# ThreadSanitizer, which so watches the real daemon's tasks during clones.
 test: deps
+	scripts/install-deps valgrind
 	$(MAKE) test-plain
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
@@ -45,7 +47,15 @@ test-asan:
 test-tsan:
 	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DKESTR_SANITIZE=thread
 	cmake --build build-tsan -j$(JOBS)
-	cd build-tsan && ctest --output-on-failure -j$(JOBS) -L threads
+	cd build-tsan && ctest --output-on-failure -j$(JOBS) -L 'threads|e2e'
+
+# Both roles under Valgrind's memcheck through real clones (also part of
+# test-plain).
+valgrind: deps
+	scripts/install-deps valgrind
+	cmake -S . -B build -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+	cmake --build build -j$(JOBS)
+	cd build && ctest --output-on-failure -L valgrind
 
 bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKESTR_BUILD_TESTS=OFF -DKESTR_BUILD_BENCH=ON

@@ -75,8 +75,9 @@ max_peak=0
 words=(apclone_24G apclone_5G)
 while kill -0 "$FLOOD" 2>/dev/null; do
     clone "${words[$((clones % 2))]}" "flooded$clones.log"
-    [ "$PEAK_KB" -le $((calm_peak + ENROLLEE_GROWTH_KB)) ] ||
+    if memory_is_measurable && [ "$PEAK_KB" -gt $((calm_peak + ENROLLEE_GROWTH_KB)) ]; then
         fail "enrollee peak $PEAK_KB KiB under the flood, $calm_peak KiB without"
+    fi
     [ "$PEAK_KB" -gt "$max_peak" ] && max_peak=$PEAK_KB
     clones=$((clones + 1))
 done
@@ -94,8 +95,9 @@ rm "$E2E_DIR/all-flooded.txt"
 kill -0 "$REGISTRAR" || fail "registrar died under the flood"
 clone apclone_24G after.log
 registrar_after=$(mem_kb "$REGISTRAR" VmRSS)
-[ "$registrar_after" -le $((registrar_before + REGISTRAR_GROWTH_KB)) ] ||
+if memory_is_measurable && [ "$registrar_after" -gt $((registrar_before + REGISTRAR_GROWTH_KB)) ]; then
     fail "registrar grew from $registrar_before to $registrar_after KiB"
+fi
 sed -n 's/^flood: sent/flood: sent/p' "$E2E_DIR/flood.log"
 echo "clones completed under the flood: $clones"
 echo "registrar resident: $registrar_before KiB before, $registrar_after KiB after"

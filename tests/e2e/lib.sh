@@ -109,6 +109,14 @@ mem_kb() {  # PID FIELD
     awk -v f="$2:" '$1 == f { print $2 }' "/proc/$1/status" 2>/dev/null
 }
 
+# Whether a process's resident size says anything about its own memory:
+# AddressSanitizer keeps freed blocks in a quarantine of many megabytes, so
+# there every allocation grows the process until the quarantine is full.
+# Leaks are its own business there (LeakSanitizer at an enrollee's exit).
+memory_is_measurable() {
+    [[ "${KESTR_SANITIZE:-}" != *address* ]]
+}
+
 # Waits for a background process of the test to end by itself within LIMIT
 # seconds and with status 0; kills it and fails otherwise.
 wait_exit() {  # PID LIMIT WHAT

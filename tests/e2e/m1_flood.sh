@@ -39,8 +39,9 @@ expect_line "$E2E_DIR/after.log" "exit:processing_completed"
 expect_eq "saved after the flood" "$(emu_db enr -g /runtime/apcloning/BAND_2P4G/backup_setting:1/ssid)" \
     "kestrel-home-24"
 after_kb=$(mem_kb "$REGISTRAR" VmRSS)
-[ "$after_kb" -le $((before_kb + GROWTH_KB)) ] ||
+if memory_is_measurable && [ "$after_kb" -gt $((before_kb + GROWTH_KB)) ]; then
     fail "registrar grew from $before_kb to $after_kb KiB over $M1S M1s"
+fi
 sed -n 's/^peer: m1-flood: /m1 flood: /p' "$E2E_DIR/peer.log"
 echo "registrar resident: $before_kb KiB before, $after_kb KiB after"
 echo "PASS"
