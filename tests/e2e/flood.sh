@@ -102,6 +102,6 @@ if memory_is_measurable && [ "$registrar_after" -gt $((registrar_before + REGIST
 fi
 sed -n 's/^flood: sent/flood: sent/p' "$E2E_DIR/flood.log"
 echo "clones completed under the flood: $clones"
-echo "registrar resident: $registrar_before KiB before, $registrar_after KiB after"
-echo "enrollee peak: $calm_peak KiB unflooded, at most $max_peak KiB flooded"
+echo "registrar resident: $registrar_before KiB before, $registrar_after KiB after$(memory_note)"
+echo "enrollee peak: $calm_peak KiB unflooded, at most $max_peak KiB flooded$(memory_note)"
 echo "PASS"

@@ -116,6 +116,10 @@ mem_kb() {  # PID FIELD
 memory_is_measurable() {
     [[ "${KESTR_SANITIZE:-}" != *address* ]]
 }
+# How a memory figure is to be read in a test's summary.
+memory_note() {
+    memory_is_measurable || echo " (AddressSanitizer build: not a bound)"
+}
 
 # Waits for a background process of the test to end by itself within LIMIT
 # seconds and with status 0; kills it and fails otherwise.

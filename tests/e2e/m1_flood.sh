@@ -43,5 +43,5 @@ if memory_is_measurable && [ "$after_kb" -gt $((before_kb + GROWTH_KB)) ]; then
     fail "registrar grew from $before_kb to $after_kb KiB over $M1S M1s"
 fi
 sed -n 's/^peer: m1-flood: /m1 flood: /p' "$E2E_DIR/peer.log"
-echo "registrar resident: $before_kb KiB before, $after_kb KiB after"
+echo "registrar resident: $before_kb KiB before, $after_kb KiB after$(memory_note)"
 echo "PASS"
