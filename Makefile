@@ -12,8 +12,8 @@ export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 FUZZ_SECONDS ?= 60
 FUZZ_CI_SECONDS ?= 15
 
-.PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian bench size install \
-	clean fuzz fuzz-build fuzz-ci fuzz-corpus
+.PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian valgrind bench \
+	size install clean fuzz fuzz-build fuzz-ci fuzz-corpus
 
 all: build
 
@@ -30,12 +30,15 @@ demo: build
 	scripts/install-deps capture
 	tools/demo.sh build
 
-# The whole suite twice: a plain build, then AddressSanitizer +
-# UndefinedBehaviorSanitizer in a build directory of its own; then the
-# threaded tests once more under ThreadSanitizer; then everything built for
-# a big-endian processor with the tests that need no namespace run under an
-# emulator; last, every fuzz target for a short, bounded time.
+# The whole suite twice: a plain build (with the memcheck run of a clone),
+# then AddressSanitizer + UndefinedBehaviorSanitizer in a build directory of
+# its own; then the threaded and the end-to-end tests once more under
+# ThreadSanitizer, which so watches the real daemon's tasks during clones;
+# then everything built for a big-endian processor with the tests that need
+# no namespace run under an emulator; last, every fuzz target for a short,
+# bounded time.
 test: deps
+	scripts/install-deps valgrind
 	$(MAKE) test-plain
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
@@ -55,7 +58,15 @@ test-asan:
 test-tsan:
 	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DKESTR_SANITIZE=thread
 	cmake --build build-tsan -j$(JOBS)
-	cd build-tsan && ctest --output-on-failure -j$(JOBS) -L threads
+	cd build-tsan && ctest --output-on-failure -j$(JOBS) -L 'threads|e2e'
+
+# Both roles under Valgrind's memcheck through real clones (also part of
+# test-plain).
+valgrind: deps
+	scripts/install-deps valgrind
+	cmake -S . -B build -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+	cmake --build build -j$(JOBS)
+	cd build && ctest --output-on-failure -L valgrind
 
 # Cross build for s390x (big-endian, like the devices) and a run of every
 # test under qemu-user. Tests that build namespaces or start helper programs

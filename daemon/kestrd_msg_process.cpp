@@ -8,6 +8,7 @@
 #include "os/pthread_utils.h"
 #include "protocol/19051_frame.h"
 #include "protocol/19051_msg.h"
+#include "protocol/19051_parse.h"
 
 std::atomic<int> msgThreadIsRunning{0};
 
@@ -24,8 +25,9 @@ uint32_t run(void*) {
         const int n = IEEE19051_RecvMsg("br0", g_frame, sizeof g_frame, 1);
         if (n <= 0) continue;
         // Bytes of an earlier, longer frame must never look like TLVs of this
-        // one: clear everything past what was just read.
-        std::memset(g_frame + n, 0, sizeof g_frame - static_cast<size_t>(n));
+        // one, and no TLV may claim bytes that did not arrive: the handlers
+        // see only TLVs that lie wholly inside what was just read.
+        kestr::end_tlvs_at_received(g_frame, n);
         handle_msg(g_frame, n);
         usleep(10);
     }

@@ -24,6 +24,13 @@ namespace {
 // before the receive task starts and after it has been joined.
 int sock = -1;
 
+// The receive task runs key agreements inline (tens of milliseconds here,
+// far longer on a small CPU), and frames that arrive meanwhile wait in the
+// socket. The system default holds under a hundred frames, a few dozen
+// milliseconds of a busy link, after which the kernel drops whatever comes,
+// the M2 a run waits for included. This holds several hundred full frames.
+constexpr int kReceiveBufferBytes = 1 << 20;
+
 // An interface request naming `name`, cut to IFNAMSIZ - 1 characters.
 void name_request(struct ifreq* ifr, const char* name) {
     std::memset(ifr, 0, sizeof *ifr);
@@ -61,6 +68,13 @@ int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType) {
     if (!fd.valid()) {
         std::fprintf(stderr, "%s: socket(): %s, try running with sudo.\n", fn, strerror(errno));
         return -1;
+    }
+    // Beyond the system's cap where the daemon may (it runs as root), within
+    // it otherwise; a smaller queue still works, so neither is an error.
+    if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBufferBytes,
+                   sizeof kReceiveBufferBytes) != 0) {
+        setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &kReceiveBufferBytes,
+                   sizeof kReceiveBufferBytes);
     }
 
     struct ifreq ifr;

@@ -84,6 +84,31 @@ u_int8_t* IEEE19051_GetTlvByNumber(const u_int8_t* buf, const int num) {
     }
 }
 
+int kestr::end_tlvs_at_received(uint8_t* frame, int received) {
+    constexpr int kContentAt = offsetof(ieee1905Message_t, content);
+    if (frame == nullptr || received < kContentAt || received > kCmduMaxFrameLen)
+        return -1;
+    std::memset(frame + received, 0, static_cast<size_t>(kCmduMaxFrameLen - received));
+    ByteReader rest(frame + kContentAt, static_cast<size_t>(received - kContentAt));
+    int count = 0;
+    for (;;) {
+        ByteReader ahead = rest;
+        uint8_t type = 0;
+        uint16_t length = 0;
+        if (ahead.remaining() == 0)
+            return count;  // the cleared bytes after the frame end the list
+        if (!ahead.u8(&type) || !ahead.u16(&length) || !ahead.skip(length))
+            break;
+        if (type == IEEE1905_TLV_TYPE_END_OF_MESSAGE && length == 0)
+            return count;
+        rest = ahead;
+        ++count;
+    }
+    const size_t cut = static_cast<size_t>(rest.data() - frame);
+    std::memset(frame + cut, 0, static_cast<size_t>(kCmduMaxFrameLen) - cut);
+    return count;
+}
+
 int IEEE19051_ParseTlvSearchedRole(const ieee1905APAutoConfigSearchedRoleTLV_t* tlv,
                                    u_int8_t* role) {
     if (tlv == nullptr || role == nullptr) {

@@ -47,3 +47,14 @@ int IEEE19051_ParseTlvDeviceBridgingCapability(const ieee1905DeviceBridgingCapab
                                                ieee1905BridgingCapability_t* capability);
 int IEEE19051_ParseTlvLegacyNeighbor(const ieee1905NeighborDeviceListTLV_t* tlv,
                                      neighborDeviceList* list);
+
+namespace kestr {
+// Readies a frame of `received` bytes, read into a buffer of at least 1514
+// bytes, for the walk above, which knows only the buffer: everything after
+// the received bytes is cleared, and the TLV list is ended (cleared from its
+// first byte on) before the first TLV whose header or value would run past
+// them. A TLV that claims bytes that never arrived is thus neither counted
+// nor handed out, just as one that would pass the content area. Returns the
+// number of TLVs left, or -1 for a null frame or a length outside 22..1514.
+int end_tlvs_at_received(uint8_t* frame, int received);
+}  // namespace kestr

@@ -35,11 +35,15 @@ e2e_show_logs() {
 # "err:kestrd_apclone-requestTimeout|exit:send m1 time out".
 plain() { sed -e 's/\x1b\[[0-9;]*m//g' -e 's/-[0-9]*|/|/' "$1"; }
 
+# grep reads to the end on purpose: "grep -q" leaves at the first match, and
+# with pipefail the writer's death by SIGPIPE on a long log turns a found
+# line into a failed test.
+has_line() { plain "$1" | grep -F -- "$2" >/dev/null; }
 expect_line() {  # FILE TEXT: some line of FILE (plain) contains TEXT
-    plain "$1" | grep -qF -- "$2" || fail "expected '$2' in $(basename "$1")"
+    has_line "$1" "$2" || fail "expected '$2' in $(basename "$1")"
 }
 expect_no_line() {
-    if plain "$1" | grep -qF -- "$2"; then fail "did not expect '$2' in $(basename "$1")"; fi
+    if has_line "$1" "$2"; then fail "did not expect '$2' in $(basename "$1")"; fi
 }
 count_lines() { plain "$1" | grep -cF -- "$2" || true; }
 
@@ -73,11 +77,74 @@ start_registrar() {
     fail "registrar in $name did not start"
 }
 
+# Logs that hold a sanitizer's report. An enrollee built with a sanitizer
+# ends with a non-zero status on its first report, but a registrar runs until
+# the test kills it, so its report would otherwise sit unnoticed in its log.
+e2e_sanitizer_reports() {
+    grep -lE 'WARNING: ThreadSanitizer|ERROR: [A-Za-z]+Sanitizer|SUMMARY: [A-Za-z]+Sanitizer|runtime error:' \
+        "$E2E_DIR"/*.log 2>/dev/null
+}
+
 e2e_cleanup() {
     local rc=$?
     emu_down
+    # Only now has every process of the test ended and written its last line.
+    local reports
+    reports=$(e2e_sanitizer_reports)
+    if [ -n "$reports" ]; then
+        echo "FAIL: sanitizer reports in: $(echo $reports | xargs -n1 basename | tr '\n' ' ')"
+        local f
+        for f in $reports; do
+            echo "---- $(basename "$f")"
+            grep -E -A30 'WARNING: ThreadSanitizer|ERROR: [A-Za-z]+Sanitizer|runtime error:' "$f" | head -n 80
+        done
+        rc=1
+    fi
     if [ $rc -eq 0 ]; then rm -rf "$E2E_DIR"; fi
-    return $rc
+    exit $rc
+}
+
+# The resident or peak memory of a process in KiB: FIELD is VmRSS or VmHWM.
+mem_kb() {  # PID FIELD
+    awk -v f="$2:" '$1 == f { print $2 }' "/proc/$1/status" 2>/dev/null
+}
+
+# Whether a process's resident size says anything about its own memory:
+# AddressSanitizer keeps freed blocks in a quarantine of many megabytes, so
+# there every allocation grows the process until the quarantine is full.
+# Leaks are its own business there (LeakSanitizer at an enrollee's exit).
+memory_is_measurable() {
+    [[ "${KESTR_SANITIZE:-}" != *address* ]]
+}
+# How a memory figure is to be read in a test's summary.
+memory_note() {
+    memory_is_measurable || echo " (AddressSanitizer build: not a bound)"
+}
+
+# Waits for a background process of the test to end by itself within LIMIT
+# seconds and with status 0; kills it and fails otherwise.
+wait_exit() {  # PID LIMIT WHAT
+    local i
+    for i in $(seq 1 $(($2 * 10))); do
+        # A zombie has ended; only its status is left to collect.
+        [ -z "$(mem_kb "$1" VmRSS)" ] && break
+        sleep 0.1
+    done
+    if [ -n "$(mem_kb "$1" VmRSS)" ]; then
+        kill -KILL "$1"
+        fail "$3 did not end within $2 s"
+    fi
+    wait "$1" || fail "$3 exited with $?"
+}
+
+# Waits until FILE holds a line with TEXT; 1 after LIMIT seconds.
+wait_for_line() {  # FILE TEXT LIMIT
+    local i
+    for i in $(seq 1 $(($3 * 20))); do
+        has_line "$1" "$2" 2>/dev/null && return 0
+        sleep 0.05
+    done
+    return 1
 }
 
 e2e_init() {

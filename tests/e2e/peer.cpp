@@ -1,10 +1,14 @@
 // A test peer for the end-to-end tests: a registrar that answers with frames
-// crafted from the project's own builders, or a sender of single CMDUs. Runs
-// inside an emulated device, on its br0.
+// crafted from the project's own builders, a sender of single CMDUs, many
+// enrollees at once, or a process that dies holding the device's identifier
+// lock. Runs inside an emulated device, on its br0.
 //
 //   kestr_test_peer [--band B] [--role R] [--omit role|band] [--responses N]
-//                   [--m2 none|good|bad-auth|replay] [--from MAC] [--for SECONDS]
+//                   [--m2 none|good|bad-auth|replay] [--m2-delay MS] [--from MAC]
+//                   [--for SECONDS]
 //   kestr_test_peer --send TYPE --to MAC
+//   kestr_test_peer --m1-flood N --to MAC --ssid24 TEXT --ssid5 TEXT
+//   kestr_test_peer --hold-mid-lock | --mid
 #include <getopt.h>
 #include <unistd.h>
 
@@ -13,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "daemon/kestrd_apclone.h"
 #include "port/common/bytes.h"
@@ -22,6 +27,7 @@
 #include "protocol/19051_parse_wsc.h"
 #include "protocol/19051_protocol.h"
 #include "protocol/mid.h"
+#include "tests/e2e/peer_modes.h"
 
 namespace {
 
@@ -35,6 +41,11 @@ struct Options {
     int seconds = 10;
     int send_type = -1;
     std::string to;
+    int m2_delay_ms = 0;
+    int m1_flood = 0;
+    std::string ssid24, ssid5;
+    bool hold_mid_lock = false;
+    bool mid = false;
 };
 
 constexpr char kBr0[] = "br0";
@@ -100,6 +111,12 @@ void answer_m1(const Options& o, u_int8_t* frame) {
     const bool forge = !o.from.empty() && mac_str_to_etheraddr(o.from.c_str(), &from) == 0;
     const int copies = o.m2 == "replay" ? 2 : 1;
     const int mid = IEEE19051_GenMid();
+    // Time for the test to change the enrollee's world before the M2 lands.
+    if (o.m2_delay_ms > 0) {
+        std::printf("peer: M2 in %d ms\n", o.m2_delay_ms);
+        std::fflush(stdout);
+        std::this_thread::sleep_for(std::chrono::milliseconds(o.m2_delay_ms));
+    }
     for (int i = 0; i < copies; ++i) {
         kestr::send_cmdu("peer", to, kBr0, mid, kestr::OnAddressFailure::Stop,
                          [&](ieee1905Message_t* packet, const param_t& param) {
@@ -151,11 +168,14 @@ int main(int argc, char** argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     Options o;
     static const struct option longs[] = {
-        {"band", required_argument, nullptr, 'b'},  {"role", required_argument, nullptr, 'r'},
-        {"omit", required_argument, nullptr, 'o'},  {"responses", required_argument, nullptr, 'n'},
-        {"m2", required_argument, nullptr, 'm'},    {"from", required_argument, nullptr, 'f'},
-        {"for", required_argument, nullptr, 's'},   {"send", required_argument, nullptr, 't'},
-        {"to", required_argument, nullptr, 'd'},    {nullptr, 0, nullptr, 0},
+        {"band", required_argument, nullptr, 'b'},     {"role", required_argument, nullptr, 'r'},
+        {"omit", required_argument, nullptr, 'o'},     {"responses", required_argument, nullptr, 'n'},
+        {"m2", required_argument, nullptr, 'm'},       {"from", required_argument, nullptr, 'f'},
+        {"for", required_argument, nullptr, 's'},      {"send", required_argument, nullptr, 't'},
+        {"to", required_argument, nullptr, 'd'},       {"m2-delay", required_argument, nullptr, 'D'},
+        {"m1-flood", required_argument, nullptr, 'M'}, {"ssid24", required_argument, nullptr, '2'},
+        {"ssid5", required_argument, nullptr, '5'},    {"hold-mid-lock", no_argument, nullptr, 'L'},
+        {"mid", no_argument, nullptr, 'i'},            {nullptr, 0, nullptr, 0},
     };
     int c;
     while ((c = getopt_long(argc, argv, "", longs, nullptr)) != -1) {
@@ -169,9 +189,21 @@ int main(int argc, char** argv) {
             case 's': o.seconds = std::atoi(optarg); break;
             case 't': o.send_type = std::atoi(optarg); break;
             case 'd': o.to = optarg; break;
+            case 'D': o.m2_delay_ms = std::atoi(optarg); break;
+            case 'M': o.m1_flood = std::atoi(optarg); break;
+            case '2': o.ssid24 = optarg; break;
+            case '5': o.ssid5 = optarg; break;
+            case 'L': o.hold_mid_lock = true; break;
+            case 'i': o.mid = true; break;
             default: return 2;
         }
     }
     if (o.send_type >= 0) return send_bare(o.send_type, o.to) == 0 ? 0 : 1;
+    if (o.m1_flood > 0) return kestr::test::m1_flood(o.m1_flood, o.to, o.ssid24, o.ssid5);
+    if (o.hold_mid_lock) return kestr::test::hold_mid_lock();
+    if (o.mid) {
+        std::printf("peer: mid %d\n", IEEE19051_GenMid());
+        return 0;
+    }
     return serve(o);
 }

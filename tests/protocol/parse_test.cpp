@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "tests/protocol/cmdu_util.h"
@@ -83,6 +84,44 @@ TEST(TlvWalk, EndsAtZeroHeaderOrAtTheEdgeOfTheContent) {
     EXPECT_EQ(IEEE19051_GetTlvByNumber(f.data(), -1), nullptr);
     EXPECT_EQ(IEEE19051_GetTlvByNumber(nullptr, 0), nullptr);
     EXPECT_EQ(IEEE19051_GetTlvTotalNumber(nullptr), -1);
+}
+
+// The walk knows only the 1514-byte buffer, not how much of it arrived. A
+// TLV whose length runs past the received bytes must not be handed out with
+// whatever follows the frame (stale bytes of an earlier, longer frame, or
+// zeros) as its value: the list ends before it.
+TEST(TlvWalk, ReceivedFrameEndsTheListBeforeATlvThatRunsPastIt) {
+    struct Case {
+        const char* what;
+        Bytes content;  // all of it received
+        std::vector<int> tlvs;
+    };
+    const Case cases[] = {
+        {"a Response whole, with its end of message", hex("0f 00 01 00 10 00 01 01 00 00 00"),
+         {0, 4}},
+        {"a Response without end of message", hex("0f 00 01 00 10 00 01 01"), {0, 4}},
+        {"a band TLV whose value did not arrive", hex("0f 00 01 00 10 00 01"), {0}},
+        {"a band TLV that claims 900 bytes", hex("0f 00 01 00 10 03 84 01"), {0}},
+        {"a header cut after its type", hex("0f 00 01 00 10"), {0}},
+        {"a WSC TLV longer than the frame", hex("11 00 09 10 4a 00 01 10"), {}},
+        {"end of message, then bytes that are no TLV", hex("0f 00 01 00 00 00 00 10 07"), {0}},
+        {"no content at all", hex(""), {}},
+    };
+    for (const auto& c : cases) {
+        Frame f = frame_with_content(c.content);
+        std::fill(f.bytes.begin() + 22 + static_cast<long>(c.content.size()), f.bytes.end(), 0xA5);
+        const int received = 22 + static_cast<int>(c.content.size());
+        EXPECT_EQ(kestr::end_tlvs_at_received(f.data(), received), static_cast<int>(c.tlvs.size()))
+            << c.what;
+        EXPECT_EQ(walk(f), c.tlvs) << c.what;
+        const auto past = std::find_if(f.bytes.begin() + received, f.bytes.end(),
+                                       [](uint8_t b) { return b != 0; });
+        EXPECT_EQ(past, f.bytes.end()) << c.what << ": bytes after the frame are cleared";
+    }
+    Frame f;
+    EXPECT_EQ(kestr::end_tlvs_at_received(f.data(), 21), -1);
+    EXPECT_EQ(kestr::end_tlvs_at_received(f.data(), 1515), -1);
+    EXPECT_EQ(kestr::end_tlvs_at_received(nullptr, 30), -1);
 }
 
 template <typename Tlv, typename Out>

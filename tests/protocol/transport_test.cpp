@@ -89,6 +89,31 @@ TEST_F(TransportTest, ReceivePathValidatesEachFrame) {
     EXPECT_EQ(IEEE19051_RecvMsg("br0", buf.data(), 100, 2), 100);
 }
 
+// The receive task runs key agreements inline, for tens of milliseconds
+// (far longer on a small CPU); frames that come meanwhile must wait in the
+// socket rather than be dropped, or a busy link costs the one M2 that
+// matters. A burst of a few hundred full-size frames is kept whole.
+TEST_F(TransportTest, BurstWhileTheReaderIsBusyIsQueuedWhole) {
+    KESTR_ENTER_NAMESPACES();
+    char br0[] = "br0";
+    IEEE19051_MsgInit(br0);
+    PeerPort peer;
+    ASSERT_TRUE(peer.ok());
+    constexpr int kBurst = 300;
+    for (int i = 0; i < kBurst; ++i) {
+        const auto f = frame(kestr::test::interface_mac("br0"), peer.mac(), 0x893A, 0, 9,
+                             static_cast<uint16_t>(i), std::vector<uint8_t>(1492, 0x5A));
+        ASSERT_TRUE(peer.send(f)) << i;
+    }
+    std::vector<uint8_t> buf(1514);
+    int received = 0;
+    while (IEEE19051_RecvMsg("br0", buf.data(), 1514, 1) == 1514) {
+        EXPECT_EQ(IEEE19051_GetMid(buf.data()), received) << "in order, none missing";
+        ++received;
+    }
+    EXPECT_EQ(received, kBurst);
+}
+
 TEST_F(TransportTest, ForeignEtherTypeNeverReachesTheReader) {
     KESTR_ENTER_NAMESPACES();
     char br0[] = "br0";

@@ -2,16 +2,22 @@
 # hand. Source this file from bash; it defines emu_* functions.
 #
 # Each device is a network namespace with a bridge "br0" whose port "eth0"
-# is a veth to a shared link (a bridge "link0" in a hub namespace), and a
-# private mount namespace whose /var/run is a tmpfs holding the device's own
-# configuration database (xmldbd on /var/run/xmldb_sock). Nothing of it is
-# visible from the host's links.
+# is a veth to a shared link (a bridge "link0" in a hub namespace), a private
+# mount namespace whose /var/run is a tmpfs holding the device's own
+# configuration database (xmldbd on /var/run/xmldb_sock), and a private IPC
+# namespace, so the message-identifier counter in shared memory belongs to
+# the device as it does on real hardware. A small holder process keeps the
+# namespaces alive, so the database daemon can be stopped and started again
+# like any other process of the device. Nothing of it is visible from the
+# host's links or the host's shared memory.
 #
 #   emu_init                         pick a session name, arm teardown traps
 #   emu_add NAME SEED.xml [MAC]      bring up one device (br0 gets MAC if given)
 #   emu_exec NAME CMD...             run a command inside a device
 #   emu_bg NAME LOGFILE CMD...       the same in the background; sets EMU_BG_PID
 #   emu_db NAME ARGS...              xmldbc inside a device
+#   emu_db_stop NAME [SIGNAL]        end the device's xmldbd (default SIGTERM)
+#   emu_db_start NAME                start it again from the device's seed
 #   emu_capture_start FILE           capture 1905.1 frames on the shared link
 #   emu_down                         remove everything (also run on exit/Ctrl-C)
 #
@@ -19,7 +25,9 @@
 
 EMU_BIN=${EMU_BIN:-$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)/build/bin}
 EMU_SESSION=${EMU_SESSION:-}
-declare -gA EMU_PID=()      # device name -> pid of its xmldbd (holds the mount namespace)
+declare -gA EMU_PID=()      # device name -> pid of the holder of its namespaces
+declare -gA EMU_DB_PID=()   # device name -> pid of its xmldbd
+declare -gA EMU_SEED=()     # device name -> its seed file
 declare -ga EMU_DEVICES=()
 declare -ga EMU_BG_PIDS=()
 EMU_CAPTURE_PID=""
@@ -61,33 +69,64 @@ emu_add() {
     ip -n "$ns" link set eth0 up
     ip -n "$ns" link set br0 up
 
-    # The device's database daemon holds a private mount namespace with its own
-    # /var/run; every later command of the device enters that namespace.
-    local log="${EMU_LOGDIR:-/tmp}/$ns-xmldbd.log"
-    ip netns exec "$ns" unshare --mount --propagation private \
-        sh -c 'mount -t tmpfs -o size=8m tmpfs /var/run && exec "$0" -f "$1"' \
-        "$EMU_BIN/xmldbd" "$(realpath "$seed")" >"$log" 2>&1 &
+    # The holder mounts the device's own /var/run in a private mount
+    # namespace, then turns into a sleep; every later command of the device
+    # enters its namespaces. Once it is a sleep, the mount is in place.
+    ip netns exec "$ns" unshare --mount --ipc --propagation private \
+        sh -c 'mount -t tmpfs -o size=8m tmpfs /var/run && exec sleep infinity' &
     EMU_PID[$name]=$!
+    EMU_SEED[$name]=$(realpath "$seed")
     local i
     for i in $(seq 1 100); do
-        emu_exec "$name" test -S /var/run/xmldb_sock 2>/dev/null && return 0
+        if [ "$(cat "/proc/${EMU_PID[$name]}/comm" 2>/dev/null)" = sleep ]; then
+            emu_db_start "$name"
+            return
+        fi
         kill -0 "${EMU_PID[$name]}" 2>/dev/null || break
+        sleep 0.02
+    done
+    emu_log "$name: no private /var/run"
+    return 1
+}
+
+emu_db_start() {
+    local name=$1
+    local log="${EMU_LOGDIR:-/tmp}/$EMU_SESSION-$name-xmldbd.log"
+    nsenter --target "${EMU_PID[$name]}" --mount --net --ipc -- \
+        "$EMU_BIN/xmldbd" -f "${EMU_SEED[$name]}" >>"$log" 2>&1 &
+    EMU_DB_PID[$name]=$!
+    # Up once it answers: a socket file may be left over from a daemon that
+    # was killed, so its mere presence proves nothing.
+    local i
+    for i in $(seq 1 100); do
+        emu_db "$name" -g /device/apcloning/role >/dev/null 2>&1 && return 0
+        kill -0 "${EMU_DB_PID[$name]}" 2>/dev/null || break
         sleep 0.05
     done
     emu_log "xmldbd of $name did not come up (see $log)"
     return 1
 }
 
+emu_db_stop() {
+    local name=$1 signal=${2:-TERM}
+    local pid=${EMU_DB_PID[$name]:-}
+    [ -n "$pid" ] || return 0
+    kill -"$signal" "$pid" 2>/dev/null
+    wait "$pid" 2>/dev/null
+    EMU_DB_PID[$name]=""
+    return 0
+}
+
 emu_exec() {
     local name=$1
     shift
-    nsenter --target "${EMU_PID[$name]}" --mount --net -- "$@"
+    nsenter --target "${EMU_PID[$name]}" --mount --net --ipc -- "$@"
 }
 
 emu_bg() {
     local name=$1 log=$2
     shift 2
-    nsenter --target "${EMU_PID[$name]}" --mount --net -- "$@" >"$log" 2>&1 &
+    nsenter --target "${EMU_PID[$name]}" --mount --net --ipc -- "$@" >"$log" 2>&1 &
     EMU_BG_PID=$!
     EMU_BG_PIDS+=("$EMU_BG_PID")
 }
@@ -128,15 +167,19 @@ emu_down() {
     for pid in "${EMU_BG_PIDS[@]}"; do kill "$pid" 2>/dev/null; done
     for name in "${EMU_DEVICES[@]}"; do
         ns="$EMU_SESSION-$name"
-        # Everything still running inside the device, then its database.
+        # Everything still running inside the device, then its holder.
         for pid in $(ip netns pids "$ns" 2>/dev/null); do kill "$pid" 2>/dev/null; done
         [ -n "${EMU_PID[$name]:-}" ] && kill "${EMU_PID[$name]}" 2>/dev/null
     done
-    for pid in "${EMU_BG_PIDS[@]}" "${EMU_PID[@]}"; do wait "$pid" 2>/dev/null; done
+    for pid in "${EMU_BG_PIDS[@]}" "${EMU_DB_PID[@]}" "${EMU_PID[@]}"; do
+        [ -n "$pid" ] && wait "$pid" 2>/dev/null
+    done
     for name in "${EMU_DEVICES[@]}"; do ip netns del "$EMU_SESSION-$name" 2>/dev/null; done
     ip netns del "$EMU_SESSION-hub" 2>/dev/null
     EMU_DEVICES=()
     EMU_PID=()
+    EMU_DB_PID=()
+    EMU_SEED=()
     EMU_BG_PIDS=()
     EMU_SESSION=""
     trap - EXIT INT TERM
