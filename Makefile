@@ -70,14 +70,14 @@ valgrind: deps
 
 # Cross build for s390x (big-endian, like the devices) and a run of every
 # test under qemu-user. Tests that build namespaces or start helper programs
-# skip themselves (KESTR_TEST_NO_NAMESPACES); the end-to-end scripts need
-# real devices and are left out.
+# skip themselves (KESTR_TEST_NO_NAMESPACES); the end-to-end scripts and the
+# memcheck run need real devices and are left out.
 test-bigendian:
 	scripts/install-deps s390x
 	cmake -S . -B build-s390x -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) \
 	  -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/s390x-linux-gnu.cmake
 	cmake --build build-s390x -j$(JOBS)
-	cd build-s390x && KESTR_TEST_NO_NAMESPACES=1 ctest --output-on-failure -j$(JOBS) -LE e2e
+	cd build-s390x && KESTR_TEST_NO_NAMESPACES=1 ctest --output-on-failure -j$(JOBS) -LE 'e2e|valgrind'
 
 # libFuzzer targets (clang, ASan + UBSan) in build-fuzz/, each run for
 # FUZZ_SECONDS in private namespaces; see fuzz/run.sh.
