@@ -156,19 +156,4 @@ TEST_F(Enrollee, RefusedM2sSaveNothing) {
     }
 }
 
-TEST_F(Enrollee, WepSettingsAreNotSaved) {
-    ASSERT_EQ(kestr::test::db_set("/wifi/entry:1/authtype", "SHARED"), 0);
-    ASSERT_EQ(kestr::test::db_set("/wifi/entry:1/encrtype", "WEP"), 0);
-    ASSERT_EQ(kestr::test::db_set("/wifi/entry:1/nwkey/wep/key", "0123456789"), 0);
-    send_m1(0);
-    const std::string out = deliver(m2_frame([](wsc_configuration_t*) {}, peer_->mac()));
-    // The M2's Authenticator is printed first, then the refusal.
-    EXPECT_NE(kestr::test::mask_line_numbers(out).find(
-                  "err:kestrd_apclone-saveApcloneInfo-N|\x1b[1;35;40;1mErr: not save, not support "
-                  "WEP\n\x1b[0m"),
-              std::string::npos)
-        << out;
-    EXPECT_EQ(db_get("/runtime/apcloning/BAND_2P4G/count"), "");
-}
-
 }  // namespace
