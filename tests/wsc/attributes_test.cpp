@@ -1,11 +1,11 @@
 // WSC attributes on the wire: hostile input in exact-size buffers (so any
 // read past the received bytes fails the sanitizer build), the encoder's
 // byte-exact output and room check, and encoder and parser in a round trip.
+// Randomly damaged messages are the fuzz targets' work (fuzz/fuzz_wsc.cpp).
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <functional>
-#include <random>
 #include <string>
 
 #include "protocol/19051_parse_wsc.h"
@@ -146,7 +146,7 @@ TEST(WscEncode, ByteExactWithTheRoomCheck) {
     EXPECT_EQ(buf, Bytes(5, 0xEE));
 }
 
-TEST(WscEncode, FixedOrderRoundTripAndDamage) {
+TEST(WscEncode, FixedOrderAndRoundTrip) {
     Config c = zeroed_config();
     Bytes fill(1024);
     for (size_t i = 0; i < fill.size(); ++i)
@@ -182,23 +182,6 @@ TEST(WscEncode, FixedOrderRoundTripAndDamage) {
     const Config back = parsed(attrs);
     EXPECT_EQ(0, std::memcmp(&back.public_key, &c.public_key, sizeof c.public_key));
     EXPECT_EQ(hex(encoded(back, 1492)), tlv);  // every field survived
-
-    // Random damage, with the TLV length matching what "arrived" as the
-    // TLV layer guarantees; the sanitizer build watches every read.
-    std::mt19937 rng(1905);
-    for (int round = 0; round < 3000; ++round) {
-        Bytes m = attrs;
-        for (int i = 1 + rng() % 8; i > 0; --i)
-            m[rng() % m.size()] = static_cast<uint8_t>(rng());
-        if (rng() % 4 == 0)
-            m.resize(rng() % m.size());
-        const Config d = parsed(m);
-        EXPECT_LE(d.vendor_extension.valid_len, 1024);
-        wsc_encrypted_settings_t s{};
-        kestr::test::capture_output(
-            [&] { parse_wsc_encrypted_settings_plain(m.data(), static_cast<int>(m.size()), &s); });
-        EXPECT_LE(s.network_key.valid_len, 64);
-    }
 }
 
 }  // namespace
