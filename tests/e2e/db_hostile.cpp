@@ -16,7 +16,6 @@
 //
 // Prints "dbhostile: ..." and "honest: ..." and exits 0 when every honest
 // answer was right.
-#include <getopt.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -36,6 +35,7 @@
 
 #include "port/comlib/libxmldbc.h"
 #include "port/common/unique_fd.h"
+#include "tests/e2e/options.h"
 
 namespace {
 
@@ -168,31 +168,16 @@ void misbehave(int kind, std::mt19937& rng) {
 int main(int argc, char** argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     int seconds = 10, threads = 16;
-    std::string check_path, check_value;
-    static const struct option longs[] = {
-        {"seconds", required_argument, nullptr, 's'},
-        {"threads", required_argument, nullptr, 't'},
-        {"check", required_argument, nullptr, 'c'},
-        {nullptr, 0, nullptr, 0},
-    };
-    int opt;
-    while ((opt = getopt_long(argc, argv, "", longs, nullptr)) != -1) {
-        if (opt == 's') {
-            seconds = std::atoi(optarg);
-        } else if (opt == 't') {
-            threads = std::atoi(optarg);
-        } else if (opt == 'c') {
-            const std::string arg = optarg;
-            const size_t eq = arg.find('=');
-            check_path = arg.substr(0, eq);
-            check_value = eq == std::string::npos ? "" : arg.substr(eq + 1);
-        } else {
-            std::fprintf(stderr,
-                         "usage: kestr_test_dbhostile --seconds S [--threads N] "
-                         "[--check PATH=VALUE]\n");
-            return 2;
-        }
+    std::string check;
+    if (!kestr::test::parse_options(argc, argv, "--seconds", &seconds, "--threads", &threads,
+                                    "--check", &check)) {
+        std::fprintf(
+            stderr, "usage: kestr_test_dbhostile --seconds S [--threads N] [--check PATH=VALUE]\n");
+        return 2;
     }
+    const size_t eq = check.find('=');
+    const std::string check_path = check.substr(0, eq);
+    const std::string check_value = eq == std::string::npos ? "" : check.substr(eq + 1);
 
     const auto end = Clock::now() + std::chrono::seconds(seconds);
     std::vector<std::thread> pool;

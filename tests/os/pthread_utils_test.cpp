@@ -47,15 +47,6 @@ TEST(Tasks, SpawnPrintsItsLineJoinTwiceDelete) {
     EXPECT_EQ(OS_TaskJoin(id), -1);  // the id is gone after delete
 }
 
-TEST(Tasks, CooperativeStopThenDelete) {
-    std::atomic<int> running{1};
-    const int id = OS_TaskSpawnParam("msgProcess", spin_until_cleared, &running, nullptr);
-    ASSERT_GT(id, 0);
-    running.store(0);
-    EXPECT_EQ(OS_TaskJoin(id), 0);
-    OS_TaskDelete(id);
-}
-
 TEST(Tasks, DeleteCancelsARunningTask) {
     const int id = OS_TaskSpawnParam("stuck", sleep_forever, nullptr, nullptr);
     ASSERT_GT(id, 0);
@@ -80,6 +71,7 @@ TEST(Tasks, InvalidIdsAreRefusedQuietly) {
     EXPECT_EQ(detach.out, "OS_TaskDetach: taskID is invalid, taskId:-1\n");
 }
 
+// Tasks that stop by themselves once told to: joined, then released.
 TEST(Tasks, IdsArePositiveDistinctAndReused) {
     std::atomic<int> running{1};
     std::vector<int> ids;

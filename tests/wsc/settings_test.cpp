@@ -12,8 +12,7 @@
 #include <thread>
 
 #include "protocol/19051_parse_wsc.h"
-#include "tests/support/capture.h"
-#include "tests/wsc/hex.h"
+#include "tests/protocol/wsc_records.h"
 #include "wsc/encrypt/encrypt.h"
 #include "wsc/encrypt/wps_openssl.h"
 #include "wsc/wsc.h"
@@ -21,16 +20,9 @@
 namespace {
 
 using kestr::test::hex;
+using kestr::test::set_bytes;
 using kestr::test::to_hex;
 using Bytes = std::vector<uint8_t>;
-
-template <typename Record>
-void set(Record& r, const Bytes& v) {
-    r.valid = 1;
-    r.valid_len = static_cast<u_int16_t>(v.size());
-    if (!v.empty())
-        std::memcpy(r.val, v.data(), v.size());
-}
 
 Bytes encode(wsc_configuration_t c) {
     Bytes buf(1495);
@@ -48,11 +40,11 @@ wsc_configuration_t parse(Bytes tlv) {
 
 wsc_encrypted_settings_t band(const std::string& ssid, const std::string& key) {
     wsc_encrypted_settings_t s{};
-    set(s.ssid, Bytes(ssid.begin(), ssid.end()));
+    set_bytes(s.ssid, Bytes(ssid.begin(), ssid.end()));
     s.authentication_type = {1, 0x0022};
     s.encryption_type = {1, 0x000C};
-    set(s.network_key, Bytes(key.begin(), key.end()));
-    set(s.mac, Bytes(6, 1));  // carried along, never sealed
+    set_bytes(s.network_key, Bytes(key.begin(), key.end()));
+    set_bytes(s.mac, Bytes(6, 1));  // carried along, never sealed
     return s;
 }
 
@@ -66,22 +58,22 @@ struct Exchange {
     explicit Exchange(const wsc_encrypted_settings_t& settings,
                       const std::function<void(Bytes&)>& tamper_plain = {}) {
         wsc_configuration_t c{};
-        c.version = {1, 0x10}, c.message_type = {1, MessageType_M1}, set(c.mac, mac);
+        c.version = {1, 0x10}, c.message_type = {1, MessageType_M1}, set_bytes(c.mac, mac);
         Bytes nonce(16), pub(192);
         linux_random(nonce.data(), 16);
         generatePublicKey(pub.data(), 192, &enrollee);
-        set(c.enrollee_nonce, nonce), set(c.public_key, pub);
+        set_bytes(c.enrollee_nonce, nonce), set_bytes(c.public_key, pub);
         m1 = encode(c);
 
         // The registrar's side, from the M1 as received.
         const wsc_configuration_t got = parse(m1);
         wsc_configuration_t r{};
         r.version = {1, 0x10}, r.message_type = {1, MessageType_M2}, r.rf_bands = {1, 2};
-        set(r.enrollee_nonce, Bytes(got.enrollee_nonce.val, got.enrollee_nonce.val + 16));
+        set_bytes(r.enrollee_nonce, Bytes(got.enrollee_nonce.val, got.enrollee_nonce.val + 16));
         DH* dh = nullptr;
         linux_random(nonce.data(), 16);
         generatePublicKey(pub.data(), 192, &dh);
-        set(r.registrar_nonce, nonce), set(r.public_key, pub);
+        set_bytes(r.registrar_nonce, nonce), set_bytes(r.public_key, pub);
         get_keys(const_cast<u_int8_t*>(got.public_key.val), dh,
                  const_cast<u_int8_t*>(got.enrollee_nonce.val), nonce.data(),
                  const_cast<u_int8_t*>(got.mac.val), &keys);
@@ -97,14 +89,14 @@ struct Exchange {
         reg_proto_encrypt_data(plain.data(), static_cast<int>(plain.size()), keys.keyWrapKey,
                                keys.authKey, sealed.data() + 16, &n, sealed.data());
         sealed.resize(static_cast<size_t>(16 + n));
-        set(r.encrypted_settings, sealed);
+        set_bytes(r.encrypted_settings, sealed);
 
         Bytes covered(m1.begin() + 3, m1.end());
         const Bytes body = encode(r);
         covered.insert(covered.end(), body.begin() + 3, body.end());
         uint8_t digest[32];
         hmac_sha256(keys.authKey, 32, covered.data(), covered.size(), digest, nullptr);
-        set(r.authenticator, Bytes(digest, digest + 8));
+        set_bytes(r.authenticator, Bytes(digest, digest + 8));
         m2 = encode(r);
     }
     ~Exchange() { reg_proto_delete_dhkeypair(&enrollee); }
