@@ -46,8 +46,10 @@ int show_event_usage() {
 }
 
 void param_parse(int argc, char** argv) {
-    if (argc < 2 || argc > 32) usage_and_exit();
-    if (std::strcmp(argv[1], "help") == 0) usage_and_exit();
+    if (argc < 2 || argc > 32)
+        usage_and_exit();
+    if (std::strcmp(argv[1], "help") == 0)
+        usage_and_exit();
     std::printf("argv[1]:%s\n", argv[1]);
     if (std::strncmp(argv[1], "apclone_24G", 11) == 0) {
         apclone_24g = 1;
@@ -87,7 +89,8 @@ int main(int argc, char** argv) {
         IEEE19051_CommandProcess(word, 10);
     }
 
-    while (apclone_deamon != 0 || process_completed.load() == 0) usleep(kRunPollMicros);
+    while (apclone_deamon != 0 || process_completed.load() == 0)
+        usleep(kRunPollMicros);
 
     IEEE19051_MsgProcessEnd();
     IEEE19051_UninitList();

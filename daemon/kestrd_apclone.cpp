@@ -29,10 +29,13 @@ char g_br0[] = "br0";
 
 }  // namespace
 
-void kestr::note_m1_recorded() { g_m1_recorded.fetch_add(1); }
+void kestr::note_m1_recorded() {
+    g_m1_recorded.fetch_add(1);
+}
 
 int IEEE19051_MsgApcloneProcess(int type, u_int8_t* msg, int msglen) {
-    if (msg == nullptr) return -1;
+    if (msg == nullptr)
+        return -1;
     const RoleType_e role = IEEE19051Port_GetRole();
     if (role == RoleTypeEnrollee) {
         if (type == IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_RESPONSE) {
@@ -56,11 +59,14 @@ int msgApcloneProcessResponse(int type, u_int8_t* buf, int recvlen) {
     // sent and recorded is complete before its answer is looked for, and its
     // extra data cannot be freed by its expiry meanwhile.
     kestr::RequestUseGuard use;
-    if (IEEE19051_ListEmpty() == 1) return 0;
+    if (IEEE19051_ListEmpty() == 1)
+        return 0;
     IEEE19051_Info_t info;
     std::memset(&info, 0, sizeof info);
-    if (IEEE19051_GetRequestRecordInfoByMid(type, mid, &info) != 0) return 0;
-    if (info.responseHandler != nullptr) info.responseHandler(buf, &recvlen, &info);
+    if (IEEE19051_GetRequestRecordInfoByMid(type, mid, &info) != 0)
+        return 0;
+    if (info.responseHandler != nullptr)
+        info.responseHandler(buf, &recvlen, &info);
     return 0;
 }
 
@@ -119,7 +125,8 @@ int sendSearch(int freqBand) {
 }
 
 int createRequestInfoSearch(IEEE19051_Info_t* info, int mid, int freqBand) {
-    if (info == nullptr) return -1;
+    if (info == nullptr)
+        return -1;
     std::memset(info, 0, sizeof *info);
     info->mid = mid;
     info->isMulticast = 1;
@@ -137,7 +144,8 @@ int createRequestInfoSearch(IEEE19051_Info_t* info, int mid, int freqBand) {
 
 int continueAfterSearch(void* response, void* /*responseLen*/, void* requestInfo) {
     receive_response.store(1);
-    if (response == nullptr || requestInfo == nullptr) return -1;
+    if (response == nullptr || requestInfo == nullptr)
+        return -1;
     auto* frame = static_cast<u_int8_t*>(response);
     const auto* search = static_cast<const IEEE19051_Info_t*>(requestInfo);
 
@@ -146,15 +154,15 @@ int continueAfterSearch(void* response, void* /*responseLen*/, void* requestInfo
     const int total = IEEE19051_GetTlvTotalNumber(frame);
     for (int i = 0; i < total; ++i) {
         u_int8_t* tlv = IEEE19051_GetTlvByNumber(frame, i);
-        if (tlv == nullptr) break;
+        if (tlv == nullptr)
+            break;
         if (tlv[0] == IEEE1905_TLV_TYPE_SUPPORTED_ROLE) {
             if (IEEE19051_ParseTlvSupportedRole(
                     reinterpret_cast<ieee1905APAutoConfigSupportedRoleTLV_t*>(tlv), &role) == 0)
                 have_role = true;
         } else if (tlv[0] == IEEE1905_TLV_TYPE_SUPPORTED_FREQ_BAND) {
             if (IEEE19051_ParseTlvSupportedFreqBand(
-                    reinterpret_cast<ieee1905APAutoConfigSupportedFreqBandTLV_t*>(tlv), &band) ==
-                0)
+                    reinterpret_cast<ieee1905APAutoConfigSupportedFreqBandTLV_t*>(tlv), &band) == 0)
                 have_band = true;
         }
     }
@@ -180,7 +188,8 @@ int continueAfterSearch(void* response, void* /*responseLen*/, void* requestInfo
 }
 
 void releaseRequestRecord(IEEE19051_Info_t* info) {
-    if (info == nullptr) return;
+    if (info == nullptr)
+        return;
     if (info->extraDataType == RequestExtraDataType_M1 && info->extraData != nullptr) {
         auto* m1 = static_cast<RequestExtraDataM1_t*>(info->extraData);
         reg_proto_delete_dhkeypair(&m1->dh);
@@ -189,15 +198,19 @@ void releaseRequestRecord(IEEE19051_Info_t* info) {
     }
 }
 
-void setProcessState(int state) { process_completed.store(state); }
+void setProcessState(int state) {
+    process_completed.store(state);
+}
 
 int requestTimeout(void* requestInfo) {
-    if (requestInfo == nullptr) return 0;
+    if (requestInfo == nullptr)
+        return 0;
     auto* info = static_cast<IEEE19051_Info_t*>(requestInfo);
     const bool search = info->msgType == IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_SEARCH;
     const bool m1 = info->msgType == IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_WSC;
 
-    if (search) IEEE19051Port_SetDone(info->freqBand != 0 ? 1 : 0, 1);
+    if (search)
+        IEEE19051Port_SetDone(info->freqBand != 0 ? 1 : 0, 1);
     releaseRequestRecord(info);
     IEEE19051_DelRequestRecordByMid(info->mid);
 
@@ -225,7 +238,8 @@ int requestTimeout(void* requestInfo) {
 
 int msgApcloneProcesSearch(int /*type*/, u_int8_t* buf, int /*recvlen*/) {
     KESTR_INFO("msgApcloneProcesSearch\n");
-    if (buf == nullptr) return 0;
+    if (buf == nullptr)
+        return 0;
     const int mid = IEEE19051_GetMid(buf);
 
     u_int8_t searched_role = 0, searched_band = 0;
@@ -234,7 +248,8 @@ int msgApcloneProcesSearch(int /*type*/, u_int8_t* buf, int /*recvlen*/) {
     const int total = IEEE19051_GetTlvTotalNumber(buf);
     for (int i = 0; i < total; ++i) {
         u_int8_t* tlv = IEEE19051_GetTlvByNumber(buf, i);
-        if (tlv == nullptr) break;
+        if (tlv == nullptr)
+            break;
         switch (tlv[0]) {
             case IEEE1905_TLV_TYPE_AL_ID:
                 IEEE19051_ParseTlvSingleAddr(reinterpret_cast<ieee1905SingleAddressTLV_t*>(tlv),

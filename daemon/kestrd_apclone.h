@@ -51,8 +51,8 @@ void saveApcloneInfo(RFBands_e band, wsc_encrypted_settings_t settings);
 
 // Registration, registrar side.
 int msgApcloneProcesM1(int type, u_int8_t* buf, int recvlen);
-int getWscConfigurationM2(wsc_configuration_t* config, wsc_configuration_t M1config,
-                          int freqBand, u_int8_t* m1wsc, int m1len);
+int getWscConfigurationM2(wsc_configuration_t* config, wsc_configuration_t M1config, int freqBand,
+                          u_int8_t* m1wsc, int m1len);
 
 namespace kestr {
 // Counts M1 requests recorded in this run, so that a run whose Responses all

@@ -39,7 +39,8 @@ int give_up_m1(DH** dh) {
 }  // namespace
 
 int getWscConfigurationM1(wsc_configuration_t* config, int freqBand, DH** enrolle_DHSecret) {
-    if (config == nullptr || enrolle_DHSecret == nullptr) return -1;
+    if (config == nullptr || enrolle_DHSecret == nullptr)
+        return -1;
     kestr::fill::number(&config->version, 0x10);
     kestr::fill::number(&config->message_type, MessageType_M1);
 
@@ -70,7 +71,8 @@ int getWscConfigurationM1(wsc_configuration_t* config, int freqBand, DH** enroll
 
 int createRequestInfoM1(IEEE19051_Info_t* info, int mid, int /*freqBand*/, char* destmac,
                         void* extraData) {
-    if (info == nullptr) return -1;
+    if (info == nullptr)
+        return -1;
     std::memset(info, 0, sizeof *info);
     info->mid = mid;
     info->msgType = IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_WSC;
@@ -98,7 +100,8 @@ int sendM1(char* destmac, int freqBand) {
     // The M1 is built once and kept byte for byte: its bytes are needed again
     // to check the Authenticator of the M2 that answers it.
     u_int8_t wsctlv[kCmduContentLen] = {};
-    if (IEEE19051_GetWscTlv(&config, wsctlv, sizeof wsctlv) < 0) return give_up_m1(&dh);
+    if (IEEE19051_GetWscTlv(&config, wsctlv, sizeof wsctlv) < 0)
+        return give_up_m1(&dh);
     if (IEEE19051_SendMsgApAutoconfigurationWsc2(destmac, g_br0, mid,
                                                  reinterpret_cast<ieee1905TLV_t*>(wsctlv)) < 0) {
         syslog(LOG_ERR, "%s", "IEEE19051_SendMsgApAutoconfigurationWsc error");
@@ -128,7 +131,8 @@ int sendM1(char* destmac, int freqBand) {
 }
 
 int msgApcloneProcesM2(int /*type*/, u_int8_t* buf, int recvlen) {
-    if (buf == nullptr) return -1;
+    if (buf == nullptr)
+        return -1;
     struct ether_addr registrar;
     IEEE19051_GetEtherSmac(buf, &registrar);
 
@@ -137,14 +141,16 @@ int msgApcloneProcesM2(int /*type*/, u_int8_t* buf, int recvlen) {
     const int total = IEEE19051_GetTlvTotalNumber(buf);
     for (int i = 0; i < total; ++i) {
         u_int8_t* tlv = IEEE19051_GetTlvByNumber(buf, i);
-        if (tlv == nullptr) break;
+        if (tlv == nullptr)
+            break;
         IEEE19051_ParseTlvWsc(reinterpret_cast<ieee1905TLV_t*>(tlv), &config);
     }
 
     // Held from the look-up until the handler returns, so the M1 request's
     // key pair and kept M1 cannot be freed by its expiry meanwhile.
     kestr::RequestUseGuard use;
-    if (IEEE19051_ListEmpty() == 1) return 0;
+    if (IEEE19051_ListEmpty() == 1)
+        return 0;
     IEEE19051_Info_t info;
     std::memset(&info, 0, sizeof info);
     if (IEEE19051_GetRequestRecordInfoByEnrolleeNonce(config.enrollee_nonce.val,
@@ -152,13 +158,15 @@ int msgApcloneProcesM2(int /*type*/, u_int8_t* buf, int recvlen) {
                                                       registrar, &info) != 0) {
         return 0;
     }
-    if (info.responseHandler != nullptr) info.responseHandler(buf, &recvlen, &info);
+    if (info.responseHandler != nullptr)
+        info.responseHandler(buf, &recvlen, &info);
     M2_decrypt_success.store(1);
     return 0;
 }
 
 int continueAfterM1(void* response, void* /*responseLen*/, void* requestInfo) {
-    if (response == nullptr || requestInfo == nullptr) return -1;
+    if (response == nullptr || requestInfo == nullptr)
+        return -1;
     auto* frame = static_cast<u_int8_t*>(response);
     const auto* request = static_cast<const IEEE19051_Info_t*>(requestInfo);
 
@@ -167,15 +175,19 @@ int continueAfterM1(void* response, void* /*responseLen*/, void* requestInfo) {
     const int total = IEEE19051_GetTlvTotalNumber(frame);
     for (int i = 0; i < total; ++i) {
         u_int8_t* tlv = IEEE19051_GetTlvByNumber(frame, i);
-        if (tlv == nullptr) return 0;
-        if (tlv[0] != IEEE1905_TLV_TYPE_WPS) continue;
+        if (tlv == nullptr)
+            return 0;
+        if (tlv[0] != IEEE1905_TLV_TYPE_WPS)
+            continue;
         IEEE19051_ParseTlvWsc(reinterpret_cast<ieee1905TLV_t*>(tlv), &config);
-        if (config.message_type.valid != 1 || config.message_type.val != MessageType_M2) continue;
+        if (config.message_type.valid != 1 || config.message_type.val != MessageType_M2)
+            continue;
 
         struct ether_addr own;
         std::memset(&own, 0, sizeof own);
         IEEE19051Port_GetMacByInterface(g_br0, &own);
-        if (request->extraData == nullptr) return -1;
+        if (request->extraData == nullptr)
+            return -1;
         auto* m1 = static_cast<RequestExtraDataM1_t*>(request->extraData);
 
         wsc_encrypted_settings_t settings;
@@ -183,8 +195,8 @@ int continueAfterM1(void* response, void* /*responseLen*/, void* requestInfo) {
         kestr::WipeOnExit wipe_settings(&settings, sizeof settings);
         const int m1len = kestr::load_be16(m1->wsctlv + 1);
         const int m2len = kestr::load_be16(tlv + 1);
-        if (IEEE19051_ParseTlvWscEncryptedSettings(&config, m1->dh, own.ether_addr_octet,
-                                                   &settings, m1->wsctlv + kTlvHeaderLen, m1len,
+        if (IEEE19051_ParseTlvWscEncryptedSettings(&config, m1->dh, own.ether_addr_octet, &settings,
+                                                   m1->wsctlv + kTlvHeaderLen, m1len,
                                                    tlv + kTlvHeaderLen, m2len) < 0) {
             KESTR_ERR("Err:IEEE19051_ParseTlvWscEncryptedSettings\n");
             return -1;

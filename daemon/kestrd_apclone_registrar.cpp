@@ -54,10 +54,12 @@ wsc_encrypted_settings_t settings_to_seal(int freqBand, const wsc_configuration_
 
 }  // namespace
 
-int getWscConfigurationM2(wsc_configuration_t* config, wsc_configuration_t M1config,
-                          int freqBand, u_int8_t* m1wsc, int m1len) {
-    if (config == nullptr) return -1;
-    if (m1wsc == nullptr || m1len < 0 || m1len > kCmduContentLen) m1len = 0;
+int getWscConfigurationM2(wsc_configuration_t* config, wsc_configuration_t M1config, int freqBand,
+                          u_int8_t* m1wsc, int m1len) {
+    if (config == nullptr)
+        return -1;
+    if (m1wsc == nullptr || m1len < 0 || m1len > kCmduContentLen)
+        m1len = 0;
 
     kestr::fill::number(&config->version, 0x10);
     kestr::fill::number(&config->message_type, MessageType_M2);
@@ -108,7 +110,8 @@ int getWscConfigurationM2(wsc_configuration_t* config, wsc_configuration_t M1con
     // The Authenticator covers M1 as the enrollee sent it and M2 as it goes
     // out, without the Authenticator itself.
     u_int8_t m2tlv[kCmduContentLen] = {};
-    if (IEEE19051_GetWscTlv(config, m2tlv, sizeof m2tlv) < 0) return -1;
+    if (IEEE19051_GetWscTlv(config, m2tlv, sizeof m2tlv) < 0)
+        return -1;
     const size_t m2len = kestr::load_be16(m2tlv + 1);
     u_int8_t digest[32];
     kestr::hmac_sha256_two(keys.authKey, sizeof keys.authKey, m1wsc, static_cast<size_t>(m1len),
@@ -119,7 +122,8 @@ int getWscConfigurationM2(wsc_configuration_t* config, wsc_configuration_t M1con
 
 int msgApcloneProcesM1(int /*type*/, u_int8_t* buf, int /*recvlen*/) {
     KESTR_INFO("msgApcloneProcesM1\n");
-    if (buf == nullptr) return -1;
+    if (buf == nullptr)
+        return -1;
 
     wsc_configuration_t M1config;
     std::memset(&M1config, 0, sizeof M1config);
@@ -129,8 +133,10 @@ int msgApcloneProcesM1(int /*type*/, u_int8_t* buf, int /*recvlen*/) {
     const int total = IEEE19051_GetTlvTotalNumber(buf);
     for (int i = 0; i < total; ++i) {
         u_int8_t* tlv = IEEE19051_GetTlvByNumber(buf, i);
-        if (tlv == nullptr) break;
-        if (tlv[0] != IEEE1905_TLV_TYPE_WPS) continue;
+        if (tlv == nullptr)
+            break;
+        if (tlv[0] != IEEE1905_TLV_TYPE_WPS)
+            continue;
         IEEE19051_ParseTlvWsc(reinterpret_cast<ieee1905TLV_t*>(tlv), &M1config);
         if (M1config.message_type.valid == 1 && M1config.message_type.val == MessageType_M1) {
             // The walk only hands out TLVs that lie inside the content area.
@@ -140,7 +146,8 @@ int msgApcloneProcesM1(int /*type*/, u_int8_t* buf, int /*recvlen*/) {
             have_m1 = true;
         }
     }
-    if (!have_m1) return -1;
+    if (!have_m1)
+        return -1;
 
     const int mid = IEEE19051_GenMid();
     wsc_configuration_t config;

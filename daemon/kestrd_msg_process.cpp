@@ -23,7 +23,8 @@ uint32_t run(void*) {
     std::memset(g_frame, 0, sizeof g_frame);
     while (msgThreadIsRunning.load() != 0) {
         const int n = IEEE19051_RecvMsg("br0", g_frame, sizeof g_frame, 1);
-        if (n <= 0) continue;
+        if (n <= 0)
+            continue;
         // Bytes of an earlier, longer frame must never look like TLVs of this
         // one, and no TLV may claim bytes that did not arrive: the handlers
         // see only TLVs that lie wholly inside what was just read.
@@ -42,7 +43,8 @@ void IEEE19051_MsgProcessStart() {
     if (msgThreadId == -1) {
         msgThreadIsRunning.store(1);
         msgThreadId = OS_TaskSpawnParam("msgProcess", run, nullptr, nullptr);
-        if (msgThreadId == -1) msgThreadIsRunning.store(0);
+        if (msgThreadId == -1)
+            msgThreadIsRunning.store(0);
     }
 }
 

@@ -24,15 +24,21 @@ std::atomic<int> threadIsRunning{0};
 
 std::mutex g_request_use;
 
-void lock() { pthread_mutex_lock(&listLock); }
-void unlock() { pthread_mutex_unlock(&listLock); }
+void lock() {
+    pthread_mutex_lock(&listLock);
+}
+void unlock() {
+    pthread_mutex_unlock(&listLock);
+}
 
 IEEE19051_RequestRecord_t* record_of(struct list_head* node) {
     return reinterpret_cast<IEEE19051_RequestRecord_t*>(reinterpret_cast<char*>(node) -
-                                                         offsetof(IEEE19051_RequestRecord_t, node));
+                                                        offsetof(IEEE19051_RequestRecord_t, node));
 }
 
-bool list_empty_locked() { return head.next == &head; }
+bool list_empty_locked() {
+    return head.next == &head;
+}
 
 void list_append_locked(struct list_head* node) {
     node->prev = head.prev;
@@ -52,7 +58,8 @@ template <typename Match>
 IEEE19051_RequestRecord_t* find_locked(Match match) {
     for (struct list_head* n = head.next; n != &head; n = n->next) {
         IEEE19051_RequestRecord_t* record = record_of(n);
-        if (match(record->info)) return record;
+        if (match(record->info))
+            return record;
     }
     return nullptr;
 }
@@ -61,7 +68,8 @@ template <typename Match>
 int copy_first(Match match, IEEE19051_Info_t* info) {
     lock();
     IEEE19051_RequestRecord_t* record = find_locked(match);
-    if (record != nullptr && info != nullptr) *info = record->info;
+    if (record != nullptr && info != nullptr)
+        *info = record->info;
     unlock();
     return record != nullptr ? 0 : -1;
 }
@@ -102,10 +110,12 @@ uint32_t run(void*) {
 }
 
 void createThread() {
-    if (threadId != -1) return;
+    if (threadId != -1)
+        return;
     threadIsRunning.store(1);
     threadId = OS_TaskSpawnParam("request_list", run, nullptr, nullptr);
-    if (threadId == -1) threadIsRunning.store(0);
+    if (threadId == -1)
+        threadIsRunning.store(0);
 }
 
 void deleteThread() {
@@ -120,7 +130,8 @@ void deleteThread() {
 }  // namespace
 
 void IEEE19051_InitList() {
-    if (isInited != 0) return;
+    if (isInited != 0)
+        return;
     head.next = head.prev = &head;
     pthread_mutex_init(&listLock, nullptr);
     createThread();
@@ -128,7 +139,8 @@ void IEEE19051_InitList() {
 }
 
 void IEEE19051_UninitList() {
-    if (isInited != 1) return;
+    if (isInited != 1)
+        return;
     deleteThread();
     pthread_mutex_destroy(&listLock);
     isInited = 0;
@@ -154,13 +166,16 @@ int IEEE19051_GetRequestRecordInfoByMid(int /*type*/, int mid, IEEE19051_Info_t*
 int IEEE19051_GetRequestRecordInfoByEnrolleeNonce(u_int8_t* nonce, int type,
                                                   struct ether_addr destmac,
                                                   IEEE19051_Info_t* info) {
-    if (nonce == nullptr) return -1;
+    if (nonce == nullptr)
+        return -1;
     return copy_first(
         [&](const IEEE19051_Info_t& r) {
-            if (r.msgType != type) return false;
+            if (r.msgType != type)
+                return false;
             if (std::memcmp(r.destMac.ether_addr_octet, destmac.ether_addr_octet, 6) != 0)
                 return false;
-            if (r.extraData == nullptr) return false;
+            if (r.extraData == nullptr)
+                return false;
             const auto* m1 = static_cast<const RequestExtraDataM1_t*>(r.extraData);
             return std::memcmp(m1->enrollee_nonce, nonce, sizeof m1->enrollee_nonce) == 0;
         },
@@ -189,7 +204,8 @@ void IEEE19051_DelRequestRecordByMid(int mid) {
 }
 
 void IEEE19051_DelRequestRecord(IEEE19051_RequestRecord_t* record) {
-    if (record == nullptr) return;
+    if (record == nullptr)
+        return;
     lock();
     if (!list_empty_locked()) {
         list_unlink_locked(&record->node);
@@ -206,10 +222,12 @@ IEEE19051_RequestRecord_t* IEEE19051_GetFirstRequestRecord() {
 }
 
 IEEE19051_RequestRecord_t* IEEE19051_GetNextRequestRecord(IEEE19051_RequestRecord_t* record) {
-    if (record == nullptr) return nullptr;
+    if (record == nullptr)
+        return nullptr;
     lock();
     IEEE19051_RequestRecord_t* next = nullptr;
-    if (!list_empty_locked() && record->node.next != &head) next = record_of(record->node.next);
+    if (!list_empty_locked() && record->node.next != &head)
+        next = record_of(record->node.next);
     unlock();
     return next;
 }
@@ -221,5 +239,9 @@ int IEEE19051_ListEmpty() {
     return empty;
 }
 
-void IEEE19051_LockRequestUse() { g_request_use.lock(); }
-void IEEE19051_UnlockRequestUse() { g_request_use.unlock(); }
+void IEEE19051_LockRequestUse() {
+    g_request_use.lock();
+}
+void IEEE19051_UnlockRequestUse() {
+    g_request_use.unlock();
+}

@@ -27,21 +27,21 @@ constexpr int kRequestLifetimeSeconds = 3;
 
 // What an M1 request keeps to check the M2 that answers it.
 typedef struct {
-    DH* dh;                     // the enrollee's key pair for this M1
-    u_int8_t wsctlv[1492];      // the M1's WSC TLV exactly as sent, zero after its end
+    DH* dh;                 // the enrollee's key pair for this M1
+    u_int8_t wsctlv[1492];  // the M1's WSC TLV exactly as sent, zero after its end
     u_int8_t enrollee_nonce[16];
 } RequestExtraDataM1_t;
 
 typedef struct {
     int mid;
-    int msgType;                 // 7 (Search) or 9 (M1)
+    int msgType;                  // 7 (Search) or 9 (M1)
     struct timespec sendAbsTime;  // monotonic; whole seconds count for expiry
     struct ether_addr srcMac;
-    struct ether_addr destMac;   // all zero for a multicast Search
-    int freqBand;                // Search only: 0 = 2.4 GHz, 1 = 5 GHz
+    struct ether_addr destMac;  // all zero for a multicast Search
+    int freqBand;               // Search only: 0 = 2.4 GHz, 1 = 5 GHz
     int isMulticast;
-    int timeout;                 // lifetime in seconds
-    void* extraData;             // shared by every copy; freed by the timeout handler
+    int timeout;      // lifetime in seconds
+    void* extraData;  // shared by every copy; freed by the timeout handler
     RequestExtraDataType_e extraDataType;
     RESPONSE_HANDLER responseHandler;
     TIMEOUT_HANDLER timeoutHandler;
@@ -90,7 +90,7 @@ void IEEE19051_UnlockRequestUse();
 
 namespace kestr {
 class RequestUseGuard {
-public:
+  public:
     RequestUseGuard() { IEEE19051_LockRequestUse(); }
     ~RequestUseGuard() { IEEE19051_UnlockRequestUse(); }
     RequestUseGuard(const RequestUseGuard&) = delete;

@@ -15,7 +15,8 @@ namespace kestr::fill {
 
 template <typename Record>
 void bytes(Record* r, const void* src, size_t len) {
-    if (len > sizeof r->val) len = sizeof r->val;
+    if (len > sizeof r->val)
+        len = sizeof r->val;
     std::memcpy(r->val, src, len);
     r->valid_len = static_cast<u_int16_t>(len);
     r->valid = 1;

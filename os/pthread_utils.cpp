@@ -38,7 +38,8 @@ int add_record(OS_TASK* record) {
 // Caller holds g_table_lock.
 Slot* find_slot_locked(int taskId) {
     auto& slots = table();
-    if (taskId <= 0 || static_cast<size_t>(taskId) > slots.size()) return nullptr;
+    if (taskId <= 0 || static_cast<size_t>(taskId) > slots.size())
+        return nullptr;
     Slot* slot = &slots[static_cast<size_t>(taskId) - 1];
     return slot->record == nullptr ? nullptr : slot;
 }
@@ -48,14 +49,16 @@ Slot* find_slot_locked(int taskId) {
 OS_TASK* find_record(int taskId) {
     std::lock_guard<std::mutex> guard(g_table_lock);
     Slot* slot = find_slot_locked(taskId);
-    if (slot == nullptr || slot->record->detached == 1) return nullptr;
+    if (slot == nullptr || slot->record->detached == 1)
+        return nullptr;
     return slot->record;
 }
 
 void remove_record(OS_TASK* record) {
     std::lock_guard<std::mutex> guard(g_table_lock);
     for (Slot& slot : table()) {
-        if (slot.record == record) slot = Slot{};
+        if (slot.record == record)
+            slot = Slot{};
     }
 }
 
@@ -107,7 +110,8 @@ __attribute__((noinline)) static void finish_task(OS_TASK* record) {
     {
         std::lock_guard<std::mutex> guard(g_table_lock);
         for (Slot& slot : table()) {
-            if (slot.record != record) continue;
+            if (slot.record != record)
+                continue;
             if (record->detached == 1) {
                 slot = Slot{};
                 release = true;
@@ -116,34 +120,43 @@ __attribute__((noinline)) static void finish_task(OS_TASK* record) {
             }
         }
     }
-    if (release) release_record(record, "linuxThread");
+    if (release)
+        release_record(record, "linuxThread");
 }
 
 void* linuxThread(void* param) {
     auto* record = static_cast<OS_TASK*>(param);
-    if (record == nullptr) pthread_exit(nullptr);
+    if (record == nullptr)
+        pthread_exit(nullptr);
 
     std::printf("pthread tid:%u(name:%s)\n", static_cast<unsigned>(pthread_self()),
                 record->strName);
-    if (record->pvFunction != nullptr) record->pvFunction(record->pvParam);
+    if (record->pvFunction != nullptr)
+        record->pvFunction(record->pvParam);
     finish_task(record);
     pthread_exit(nullptr);
 }
 
 OS_STATUS OS_TaskJoin(int taskId) {
-    if (taskId <= 0) return -1;
+    if (taskId <= 0)
+        return -1;
     OS_TASK* record = find_record(taskId);
-    if (record == nullptr) return -1;
-    if (record->joined == 1) return 0;
-    if (pthread_join(record->pthread, nullptr) != 0) return -1;
+    if (record == nullptr)
+        return -1;
+    if (record->joined == 1)
+        return 0;
+    if (pthread_join(record->pthread, nullptr) != 0)
+        return -1;
     record->joined = 1;
     return 0;
 }
 
 void OS_TaskDelete(int taskId) {
-    if (taskId <= 0) return;
+    if (taskId <= 0)
+        return;
     OS_TASK* record = find_record(taskId);
-    if (record == nullptr) return;
+    if (record == nullptr)
+        return;
     if (record->joined == 0) {
         const int rc = pthread_cancel(record->pthread);
         if (rc != 0) {
@@ -161,13 +174,15 @@ void OS_TaskDetach(int taskId) {
         std::printf("%s: taskID is invalid, taskId:%d\n", "OS_TaskDetach", -1);
         return;
     }
-    if (taskId == 0) return;
+    if (taskId == 0)
+        return;
 
     OS_TASK* finished_record = nullptr;
     {
         std::lock_guard<std::mutex> guard(g_table_lock);
         Slot* slot = find_slot_locked(taskId);
-        if (slot == nullptr || slot->record->detached == 1) return;
+        if (slot == nullptr || slot->record->detached == 1)
+            return;
         OS_TASK* record = slot->record;
         const int rc = pthread_detach(record->pthread);
         if (rc != 0) {
@@ -182,7 +197,10 @@ void OS_TaskDetach(int taskId) {
             *slot = Slot{};
         }
     }
-    if (finished_record != nullptr) release_record(finished_record, "linuxThread");
+    if (finished_record != nullptr)
+        release_record(finished_record, "linuxThread");
 }
 
-void OS_TaskExit() { pthread_exit(nullptr); }
+void OS_TaskExit() {
+    pthread_exit(nullptr);
+}

@@ -37,6 +37,7 @@ int mac_str_to_etheraddr(const char* mac, struct ether_addr* addr) {
         say_not_a_mac();
         return -1;
     }
-    for (int i = 0; i < 6; ++i) addr->ether_addr_octet[i] = static_cast<unsigned char>(v[i]);
+    for (int i = 0; i < 6; ++i)
+        addr->ether_addr_octet[i] = static_cast<unsigned char>(v[i]);
     return 0;
 }

@@ -110,9 +110,12 @@ int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType) {
 
 int IEEE19051_RecvMsg(const char* /*ifName*/, uint8_t* buf, int buf_len, unsigned int timeout_sec) {
     static const char* const fn = "IEEE19051_RecvMsg";
-    if (sock < 0) return -1;
-    if (buf == nullptr || buf_len <= 0) return -1;
-    if (read_timeout(sock, timeout_sec) != 0) return -1;
+    if (sock < 0)
+        return -1;
+    if (buf == nullptr || buf_len <= 0)
+        return -1;
+    if (read_timeout(sock, timeout_sec) != 0)
+        return -1;
 
     const ssize_t n = read(sock, buf, static_cast<size_t>(buf_len));
     if (n < 0) {
@@ -143,10 +146,12 @@ int IEEE19051_RecvMsg(const char* /*ifName*/, uint8_t* buf, int buf_len, unsigne
 
 int fillParam(param_t* pparam, int sockfd, const char* da_str, const char* tx_interface,
               const int mid) {
-    if (pparam == nullptr) return -1;
+    if (pparam == nullptr)
+        return -1;
     pparam->mid = mid;
     mac_str_to_etheraddr(da_str, &pparam->da);
-    if (tx_interface == nullptr) return 0;
+    if (tx_interface == nullptr)
+        return 0;
 
     struct ifreq ifr;
     name_request(&ifr, tx_interface);
@@ -167,7 +172,8 @@ int fillParam(param_t* pparam, int sockfd, const char* da_str, const char* tx_in
 
 int sendPacket(int sockfd, struct ether_addr sa, const void* packet, const int num_bytes,
                const int tx_idx) {
-    if (packet == nullptr || num_bytes <= 0) return -1;
+    if (packet == nullptr || num_bytes <= 0)
+        return -1;
 
     struct sockaddr_ll to {};
     to.sll_family = AF_PACKET;
@@ -194,33 +200,39 @@ int sendPacket(int sockfd, struct ether_addr sa, const void* packet, const int n
 }
 
 int IEEE19051_GetEtherType(u_int8_t* buf) {
-    if (buf == nullptr) return -1;
+    if (buf == nullptr)
+        return -1;
     return kestr::load_be16(buf + 12);
 }
 
 int IEEE19051_GetType(u_int8_t* buf) {
-    if (buf == nullptr) return -1;
+    if (buf == nullptr)
+        return -1;
     return kestr::load_be16(buf + 16);
 }
 
 int IEEE19051_GetMid(u_int8_t* buf) {
-    if (buf == nullptr) return -1;
+    if (buf == nullptr)
+        return -1;
     return kestr::load_be16(buf + 18);
 }
 
 u_int8_t IEEE19051_GetFlags(u_int8_t* buf) {
-    if (buf == nullptr) return 255;
+    if (buf == nullptr)
+        return 255;
     return buf[21];
 }
 
 int IEEE19051_GetEtherSmac(u_int8_t* buf, struct ether_addr* mac) {
-    if (buf == nullptr || mac == nullptr) return -1;
+    if (buf == nullptr || mac == nullptr)
+        return -1;
     std::memcpy(mac->ether_addr_octet, buf + 6, ETH_ALEN);
     return 0;
 }
 
 int IEEE19051_GetEtherDmac(u_int8_t* buf, struct ether_addr* mac) {
-    if (buf == nullptr || mac == nullptr) return -1;
+    if (buf == nullptr || mac == nullptr)
+        return -1;
     std::memcpy(mac->ether_addr_octet, buf, ETH_ALEN);
     return 0;
 }
@@ -293,8 +305,8 @@ int IEEE19051_SendMsgApAutoconfigurationResponse(const char* dest_mac, const cha
                      });
 }
 
-int IEEE19051_SendMsgApAutoconfigurationWsc(const char* dest_mac, const char* tx_interface,
-                                            int mid, wsc_configuration_t* config) {
+int IEEE19051_SendMsgApAutoconfigurationWsc(const char* dest_mac, const char* tx_interface, int mid,
+                                            wsc_configuration_t* config) {
     return send_cmdu(__func__, dest_mac, tx_interface, mid, OnAddressFailure::GoOn,
                      [&](ieee1905Message_t* packet, const param_t& param) {
                          return IEEE19051_GetPacketApAutoconfigurationWsc(packet, param, config);

@@ -39,8 +39,8 @@ int IEEE19051_SendMsgApAutoconfigurationResponse(const char* dest_mac, const cha
                                                  ap_autoconfig_response_param_t response_param);
 // M1 and M2: from a record, or from a WSC TLV built beforehand (the enrollee
 // keeps the very bytes of its M1 to check the M2 that answers it).
-int IEEE19051_SendMsgApAutoconfigurationWsc(const char* dest_mac, const char* tx_interface,
-                                            int mid, wsc_configuration_t* config);
+int IEEE19051_SendMsgApAutoconfigurationWsc(const char* dest_mac, const char* tx_interface, int mid,
+                                            wsc_configuration_t* config);
 int IEEE19051_SendMsgApAutoconfigurationWsc2(const char* dest_mac, const char* tx_interface,
                                              int mid, ieee1905TLV_t* wsctlv);
 int IEEE19051_SendMsgApAutoconfigurationRenew(const char* tx_interface, int mid,

@@ -313,8 +313,8 @@ int IEEE19051_GetPacketApAutoconfigurationWsc(ieee1905Message_t* packet, param_t
     // The attributes get the content area less the TLV's own header, so the
     // encoder can never write past the frame.
     uint8_t tlv[kCmduContentLen];
-    const int tlv_len = get_tlv_wsc(reinterpret_cast<ieee1905TLV_t*>(tlv),
-                                    kCmduContentLen - kTlvHeaderLen, config);
+    const int tlv_len =
+        get_tlv_wsc(reinterpret_cast<ieee1905TLV_t*>(tlv), kCmduContentLen - kTlvHeaderLen, config);
     if (tlv_len < 0)
         return -1;
     return build(packet, param, IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_WSC, kCmduFlagsUnicast,

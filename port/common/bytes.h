@@ -32,10 +32,11 @@ inline void store_be32(uint8_t* p, uint32_t v) {
 // A read-only view of received bytes with a cursor. Every getter either
 // consumes exactly what it returns or fails and consumes nothing.
 class ByteReader {
-public:
+  public:
     ByteReader() = default;
     ByteReader(const void* data, size_t len) : p_(static_cast<const uint8_t*>(data)), n_(len) {
-        if (p_ == nullptr) n_ = 0;
+        if (p_ == nullptr)
+            n_ = 0;
     }
 
     size_t remaining() const { return n_; }
@@ -43,52 +44,61 @@ public:
     const uint8_t* data() const { return p_; }
 
     bool u8(uint8_t* out) {
-        if (n_ < 1) return false;
+        if (n_ < 1)
+            return false;
         *out = p_[0];
         advance(1);
         return true;
     }
     bool u16(uint16_t* out) {
-        if (n_ < 2) return false;
+        if (n_ < 2)
+            return false;
         *out = load_be16(p_);
         advance(2);
         return true;
     }
     bool u32(uint32_t* out) {
-        if (n_ < 4) return false;
+        if (n_ < 4)
+            return false;
         *out = load_be32(p_);
         advance(4);
         return true;
     }
     bool bytes(void* out, size_t len) {
-        if (n_ < len) return false;
-        if (len != 0) std::memcpy(out, p_, len);
+        if (n_ < len)
+            return false;
+        if (len != 0)
+            std::memcpy(out, p_, len);
         advance(len);
         return true;
     }
     bool skip(size_t len) {
-        if (n_ < len) return false;
+        if (n_ < len)
+            return false;
         advance(len);
         return true;
     }
     // Hands out the next `len` bytes as a reader of their own, so a nested
     // value can never be read past its own end.
     bool sub(size_t len, ByteReader* out) {
-        if (n_ < len) return false;
+        if (n_ < len)
+            return false;
         *out = ByteReader(p_, len);
         advance(len);
         return true;
     }
     // A value preceded by its 16-bit big-endian length.
     bool u16_length_prefixed(ByteReader* out) {
-        if (n_ < 2) return false;
+        if (n_ < 2)
+            return false;
         const size_t len = load_be16(p_);
-        if (n_ - 2 < len) return false;
+        if (n_ - 2 < len)
+            return false;
         advance(2);
         return sub(len, out);
     }
 
-private:
+  private:
     void advance(size_t k) {
         p_ += k;
         n_ -= k;
@@ -101,7 +111,7 @@ private:
 // fit sets a sticky error flag and writes nothing; later appends are ignored,
 // so a chain of appends is checked once, at the end, with ok().
 class ByteWriter {
-public:
+  public:
     ByteWriter(void* data, size_t capacity)
         : p_(static_cast<uint8_t*>(data)), cap_(data == nullptr ? 0 : capacity) {}
 
@@ -123,7 +133,8 @@ public:
     }
     ByteWriter& bytes(const void* src, size_t len) { return put(src, len); }
     ByteWriter& zeros(size_t len) {
-        if (!reserve(len)) return *this;
+        if (!reserve(len))
+            return *this;
         std::memset(p_ + len_, 0, len);
         len_ += len;
         return *this;
@@ -137,7 +148,8 @@ public:
         return at;
     }
     ByteWriter& end_u16_length(size_t at) {
-        if (failed_) return *this;
+        if (failed_)
+            return *this;
         const size_t value_len = len_ - at - 2;
         if (value_len > 0xFFFF) {
             failed_ = true;
@@ -148,7 +160,7 @@ public:
     }
     void fail() { failed_ = true; }
 
-private:
+  private:
     bool reserve(size_t len) {
         if (failed_ || cap_ - len_ < len) {
             failed_ = true;
@@ -157,8 +169,10 @@ private:
         return true;
     }
     ByteWriter& put(const void* src, size_t len) {
-        if (!reserve(len)) return *this;
-        if (len != 0) std::memcpy(p_ + len_, src, len);
+        if (!reserve(len))
+            return *this;
+        if (len != 0)
+            std::memcpy(p_ + len_, src, len);
         len_ += len;
         return *this;
     }

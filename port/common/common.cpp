@@ -13,7 +13,8 @@ struct timespec getSysRunningTime() {
 }
 
 int read_timeout(int fd, unsigned int wait_seconds) {
-    if (wait_seconds == 0) return 0;
+    if (wait_seconds == 0)
+        return 0;
     if (fd < 0 || fd >= FD_SETSIZE) {
         errno = EBADF;
         return -1;
@@ -29,7 +30,8 @@ int read_timeout(int fd, unsigned int wait_seconds) {
         // wait resumes with what remains.
         ready = select(fd + 1, &readable, nullptr, nullptr, &left);
     } while (ready < 0 && errno == EINTR);
-    if (ready < 0) return ready;
+    if (ready < 0)
+        return ready;
     if (ready == 0) {
         errno = ETIMEDOUT;
         return -1;

@@ -16,9 +16,11 @@ namespace kestr {
 // "protocol/19051_parse.cpp" -> "19051_parse", usable in constant expressions.
 constexpr std::string_view module_name(std::string_view path) {
     const auto slash = path.find_last_of('/');
-    if (slash != std::string_view::npos) path.remove_prefix(slash + 1);
+    if (slash != std::string_view::npos)
+        path.remove_prefix(slash + 1);
     const auto dot = path.find_first_of('.');
-    if (dot != std::string_view::npos) path.remove_suffix(path.size() - dot);
+    if (dot != std::string_view::npos)
+        path.remove_suffix(path.size() - dot);
     return path;
 }
 

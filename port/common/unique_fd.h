@@ -8,12 +8,13 @@
 namespace kestr {
 
 class UniqueFd {
-public:
+  public:
     UniqueFd() = default;
     explicit UniqueFd(int fd) : fd_(fd) {}
     UniqueFd(UniqueFd&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
     UniqueFd& operator=(UniqueFd&& o) noexcept {
-        if (this != &o) reset(std::exchange(o.fd_, -1));
+        if (this != &o)
+            reset(std::exchange(o.fd_, -1));
         return *this;
     }
     UniqueFd(const UniqueFd&) = delete;
@@ -24,11 +25,12 @@ public:
     bool valid() const { return fd_ >= 0; }
     int release() { return std::exchange(fd_, -1); }
     void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
+        if (fd_ >= 0)
+            ::close(fd_);
         fd_ = fd;
     }
 
-private:
+  private:
     int fd_ = -1;
 };
 

@@ -49,7 +49,8 @@ KestrdRun run_kestrd(const std::vector<std::string>& args, std::chrono::millisec
     const int err_fd = mkstemp(err_path);
     const std::string bin = kestr::test::tool_path("kestrd");
     std::vector<char*> argv{const_cast<char*>(bin.c_str())};
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    for (const auto& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
 
     const pid_t pid = fork();
@@ -67,7 +68,8 @@ KestrdRun run_kestrd(const std::vector<std::string>& args, std::chrono::millisec
     bool done = false;
     while (!done && std::chrono::steady_clock::now() < deadline) {
         done = waitpid(pid, &status, WNOHANG) == pid;
-        if (!done) std::this_thread::sleep_for(20ms);
+        if (!done)
+            std::this_thread::sleep_for(20ms);
     }
     if (!done) {
         kill(pid, SIGTERM);

@@ -14,7 +14,7 @@
 namespace kestr::test {
 
 class DeviceTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         KESTR_ENTER_NAMESPACES({.ipc = true});
         db_ = std::make_unique<XmldbdProcess>(seed_path("registrar.xml"));

@@ -41,7 +41,7 @@ void drain() {
 // Every test leaves the list empty while its lock is still valid, then the
 // fixture stops the watcher.
 class RequestList : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { IEEE19051_UninitList(); }
 };
 
@@ -80,7 +80,8 @@ TEST_F(RequestList, LookupsAndDeletesActOnTheOldestMatch) {
 
 TEST_F(RequestList, LookupByEnrolleeNonceAndDestination) {
     RequestExtraDataM1_t m1{};
-    for (int i = 0; i < 16; ++i) m1.enrollee_nonce[i] = static_cast<uint8_t>(i + 1);
+    for (int i = 0; i < 16; ++i)
+        m1.enrollee_nonce[i] = static_cast<uint8_t>(i + 1);
     auto with_extra = request(10, 9);
     with_extra.destMac = mac(1);
     with_extra.extraData = &m1;
@@ -259,10 +260,12 @@ TEST_F(RequestList, ExtraDataIsNeverFreedUnderARunningResponseHandler) {
             for (int mid = 0; mid < kRequests; ++mid) {
                 kestr::RequestUseGuard use;
                 IEEE19051_Info_t copy{};
-                if (IEEE19051_GetRequestRecordInfoByMid(9, mid, &copy) != 0) continue;
+                if (IEEE19051_GetRequestRecordInfoByMid(9, mid, &copy) != 0)
+                    continue;
                 auto* m1 = static_cast<RequestExtraDataM1_t*>(copy.extraData);
                 unsigned sum = 0;
-                for (uint8_t b : m1->wsctlv) sum += b;  // reads the whole kept M1
+                for (uint8_t b : m1->wsctlv)
+                    sum += b;  // reads the whole kept M1
                 EXPECT_EQ(sum, 1492u * 0x11u);
                 reads.fetch_add(1);
             }
@@ -276,9 +279,11 @@ TEST_F(RequestList, ExtraDataIsNeverFreedUnderARunningResponseHandler) {
         r.extraDataType = RequestExtraDataType_M1;
         r.timeoutHandler = free_extra_then_delete;
         IEEE19051_AddRequestRecord(r);
-        if (mid % 50 == 0) std::this_thread::sleep_for(300ms);  // spread over passes
+        if (mid % 50 == 0)
+            std::this_thread::sleep_for(300ms);  // spread over passes
     }
-    for (int i = 0; i < 100 && g_freed.load() < kRequests; ++i) std::this_thread::sleep_for(100ms);
+    for (int i = 0; i < 100 && g_freed.load() < kRequests; ++i)
+        std::this_thread::sleep_for(100ms);
     stop = true;
     receiver.join();
     EXPECT_EQ(g_freed.load(), kRequests);

@@ -17,18 +17,21 @@ std::atomic<int> g_runs{0};
 
 uint32_t count_once(void* arg) {
     g_runs.fetch_add(1);
-    if (arg != nullptr) static_cast<std::atomic<int>*>(arg)->store(1);
+    if (arg != nullptr)
+        static_cast<std::atomic<int>*>(arg)->store(1);
     return 0;
 }
 
 uint32_t spin_until_cleared(void* arg) {
     auto* running = static_cast<std::atomic<int>*>(arg);
-    while (running->load() != 0) usleep(1000);  // a cancellation point
+    while (running->load() != 0)
+        usleep(1000);  // a cancellation point
     return 0;
 }
 
 uint32_t sleep_forever(void*) {
-    for (;;) usleep(100000);
+    for (;;)
+        usleep(100000);
 }
 
 TEST(Tasks, SpawnPrintsItsLineJoinTwiceDelete) {
@@ -78,7 +81,8 @@ TEST(Tasks, IdsArePositiveDistinctAndReused) {
     for (int i = 0; i < 20; ++i) {
         const int id = OS_TaskSpawnParam("many", spin_until_cleared, &running, nullptr);
         ASSERT_GT(id, 0);
-        for (int other : ids) EXPECT_NE(id, other);
+        for (int other : ids)
+            EXPECT_NE(id, other);
         ids.push_back(id);
     }
     running.store(0);
@@ -105,7 +109,8 @@ TEST(Tasks, DetachedTasksReleaseThemselves) {
     std::atomic<int> done{0};
     const int late = OS_TaskSpawnParam("late", count_once, &done, nullptr);
     ASSERT_GT(late, 0);
-    while (done.load() == 0) usleep(1000);
+    while (done.load() == 0)
+        usleep(1000);
     usleep(20000);
     OS_TaskDetach(late);
 

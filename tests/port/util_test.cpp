@@ -29,7 +29,10 @@ TEST(MacText, Formatting) {
         {{0x00, 0x0A, 0x1B, 0x2C, 0x3D, 0x4E}, 18, 0, "0:a:1b:2c:3d:4e", ""},
         {{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, 18, 0, "ff:ff:ff:ff:ff:ff", ""},
         {{0x01, 0x80, 0xC2, 0x00, 0x00, 0x13}, 50, 0, "1:80:c2:0:0:13", ""},
-        {{0, 0, 0, 0, 0, 0}, 17, -1, "untouched",
+        {{0, 0, 0, 0, 0, 0},
+         17,
+         -1,
+         "untouched",
          "err:util-mac_etheraddr_to_str-N|\x1b[1;35;40;1mparameter is error\n\x1b[0m"},
     };
     for (const auto& c : cases) {
@@ -76,10 +79,11 @@ TEST(MacText, Parsing) {
             EXPECT_EQ(0, std::memcmp(a.ether_addr_octet, mcast.data(), 6)) << c.text;
             EXPECT_EQ(out.out, "");
         } else {
-            for (auto b : a.ether_addr_octet) EXPECT_EQ(b, 0xAA) << "address changed: " << c.text;
-            EXPECT_EQ(mask_line_numbers(out.out),
-                      "err:util-mac_str_to_etheraddr-N|\x1b[1;35;40;1msscanf error\n\x1b[0m" +
-                          kNotAMac);
+            for (auto b : a.ether_addr_octet)
+                EXPECT_EQ(b, 0xAA) << "address changed: " << c.text;
+            EXPECT_EQ(
+                mask_line_numbers(out.out),
+                "err:util-mac_str_to_etheraddr-N|\x1b[1;35;40;1msscanf error\n\x1b[0m" + kNotAMac);
         }
     }
     const auto out = capture_output([] {
@@ -93,7 +97,8 @@ TEST(MacText, Parsing) {
 TEST(MacText, RoundTrip) {
     for (int seed = 0; seed < 256; ++seed) {
         struct ether_addr a, b;
-        for (int i = 0; i < 6; ++i) a.ether_addr_octet[i] = static_cast<uint8_t>(seed * (i + 7));
+        for (int i = 0; i < 6; ++i)
+            a.ether_addr_octet[i] = static_cast<uint8_t>(seed * (i + 7));
         char text[kMacTextSize];
         ASSERT_EQ(mac_etheraddr_to_str(&a, text, sizeof text), 0);
         ASSERT_EQ(mac_str_to_etheraddr(text, &b), 0);

@@ -97,7 +97,8 @@ TEST(TlvWalk, ReceivedFrameEndsTheListBeforeATlvThatRunsPastIt) {
         std::vector<int> tlvs;
     };
     const Case cases[] = {
-        {"a Response whole, with its end of message", hex("0f 00 01 00 10 00 01 01 00 00 00"),
+        {"a Response whole, with its end of message",
+         hex("0f 00 01 00 10 00 01 01 00 00 00"),
          {0, 4}},
         {"a Response without end of message", hex("0f 00 01 00 10 00 01 01"), {0, 4}},
         {"a band TLV whose value did not arrive", hex("0f 00 01 00 10 00 01"), {0}},

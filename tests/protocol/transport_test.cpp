@@ -28,16 +28,21 @@ std::vector<uint8_t> frame(const std::vector<uint8_t>& dst, const std::vector<ui
     f.insert(f.end(), src.begin(), src.end());
     f.push_back(static_cast<uint8_t>(ether_type >> 8));
     f.push_back(static_cast<uint8_t>(ether_type));
-    const uint8_t header[8] = {version, 0xEE, static_cast<uint8_t>(type >> 8),
-                               static_cast<uint8_t>(type), static_cast<uint8_t>(mid >> 8),
-                               static_cast<uint8_t>(mid), 0x33, 0x3F};
+    const uint8_t header[8] = {version,
+                               0xEE,
+                               static_cast<uint8_t>(type >> 8),
+                               static_cast<uint8_t>(type),
+                               static_cast<uint8_t>(mid >> 8),
+                               static_cast<uint8_t>(mid),
+                               0x33,
+                               0x3F};
     f.insert(f.end(), header, header + 8);
     f.insert(f.end(), content.begin(), content.end());
     return f;
 }
 
 class TransportTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { IEEE19051_MsgUninit(); }
 };
 
@@ -166,8 +171,8 @@ TEST_F(TransportTest, SendPadsShortFramesWithZeros) {
 
     EXPECT_EQ(sendPacket(fd, param.sa, nullptr, 42, param.tx_idx), -1);
     EXPECT_EQ(sendPacket(fd, param.sa, small.data(), 0, param.tx_idx), -1);
-    const auto out = capture_output(
-        [&] { EXPECT_EQ(sendPacket(fd, param.sa, small.data(), 42, 9999), -1); });
+    const auto out =
+        capture_output([&] { EXPECT_EQ(sendPacket(fd, param.sa, small.data(), 42, 9999), -1); });
     EXPECT_EQ(out.err, "Error running sendto()\n");
     close(fd);
 }
@@ -179,7 +184,8 @@ TEST_F(TransportTest, InterfaceNamesAreCutAndFailuresReported) {
     ASSERT_EQ(kestr::test::run_shell("ip link add abcdefghijklmno type bridge"), 0);
     const int fd = IEEE19051_RecvSockCreate("abcdefghijklmnoXYZ", 0x893A);
     EXPECT_GE(fd, 0);
-    if (fd >= 0) close(fd);
+    if (fd >= 0)
+        close(fd);
 
     const int sfd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(0x893A));
     param_t param{};
@@ -202,16 +208,16 @@ TEST_F(TransportTest, InterfaceNamesAreCutAndFailuresReported) {
     EXPECT_EQ(none.err, "IEEE19051_RecvSockCreate: Empty interface name\n");
 
     param_t p2{};
-    const auto out = capture_output(
-        [&] { EXPECT_EQ(fillParam(&p2, sfd, "1:2:3:4:5:6", "nosuchif", 9), -1); });
+    const auto out =
+        capture_output([&] { EXPECT_EQ(fillParam(&p2, sfd, "1:2:3:4:5:6", "nosuchif", 9), -1); });
     EXPECT_EQ(out.out, "Error running ioctl/SIOCGIFHWADDR\n");
     close(sfd);
 }
 
 // Header fields are read big-endian and unsigned: identifier 65534 is not -2.
 TEST(Transport, HeaderGetters) {
-    uint8_t f[25] = {1, 2, 3, 4, 5, 6, 0xA, 0xB, 0xC, 0xD, 0xE, 0xF, 0x89, 0x3A,
-                     0, 0, 0x00, 0x09, 0xFF, 0xFE, 0, 0xC0, 0, 0, 0};
+    uint8_t f[25] = {1,    2, 3, 4,    5,    6,    0xA,  0xB, 0xC,  0xD, 0xE, 0xF, 0x89,
+                     0x3A, 0, 0, 0x00, 0x09, 0xFF, 0xFE, 0,   0xC0, 0,   0,   0};
     EXPECT_EQ(IEEE19051_GetEtherType(f), 0x893A);
     EXPECT_EQ(IEEE19051_GetType(f), 9);
     EXPECT_EQ(IEEE19051_GetMid(f), 65534);

@@ -15,21 +15,23 @@ std::string slurp(std::FILE* f) {
     std::rewind(f);
     char chunk[4096];
     size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) text.append(chunk, n);
+    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0)
+        text.append(chunk, n);
     return text;
 }
 
 class Redirect {
-public:
+  public:
     Redirect(int fd, std::FILE* to) : fd_(fd), saved_(dup(fd)) {
-        if (saved_ < 0 || dup2(fileno(to), fd) < 0) throw std::runtime_error("redirect failed");
+        if (saved_ < 0 || dup2(fileno(to), fd) < 0)
+            throw std::runtime_error("redirect failed");
     }
     ~Redirect() {
         dup2(saved_, fd_);
         close(saved_);
     }
 
-private:
+  private:
     int fd_;
     int saved_;
 };
@@ -39,7 +41,8 @@ private:
 Captured capture_output(const std::function<void()>& fn) {
     std::FILE* out = std::tmpfile();
     std::FILE* err = std::tmpfile();
-    if (out == nullptr || err == nullptr) throw std::runtime_error("tmpfile failed");
+    if (out == nullptr || err == nullptr)
+        throw std::runtime_error("tmpfile failed");
     std::fflush(stdout);
     std::fflush(stderr);
     {

@@ -19,18 +19,22 @@
 namespace kestr::test {
 namespace {
 
-std::string errno_text(const char* what) { return std::string(what) + ": " + strerror(errno); }
+std::string errno_text(const char* what) {
+    return std::string(what) + ": " + strerror(errno);
+}
 
 void write_proc(const char* path, const char* value) {
     std::ofstream f(path);
-    if (f) f << value;
+    if (f)
+        f << value;
 }
 
 }  // namespace
 
 int run_shell(const std::string& command) {
     const int status = std::system(command.c_str());
-    if (status == -1 || !WIFEXITED(status)) return -1;
+    if (status == -1 || !WIFEXITED(status))
+        return -1;
     return WEXITSTATUS(status);
 }
 
@@ -42,12 +46,16 @@ std::string enter_namespaces(const NamespaceOptions& options) {
     const char* no_ns = std::getenv("KESTR_TEST_NO_NAMESPACES");
     if (no_ns != nullptr && *no_ns != '\0' && std::strcmp(no_ns, "0") != 0)
         return "skip: KESTR_TEST_NO_NAMESPACES is set (emulated run without namespaces)";
-    if (geteuid() != 0) return "skip: needs root to create network and mount namespaces";
+    if (geteuid() != 0)
+        return "skip: needs root to create network and mount namespaces";
 
     int flags = CLONE_NEWNET;
-    if (options.mount) flags |= CLONE_NEWNS;
-    if (options.ipc) flags |= CLONE_NEWIPC;
-    if (unshare(flags) != 0) return errno_text("unshare");
+    if (options.mount)
+        flags |= CLONE_NEWNS;
+    if (options.ipc)
+        flags |= CLONE_NEWIPC;
+    if (unshare(flags) != 0)
+        return errno_text("unshare");
 
     if (options.mount) {
         if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
@@ -61,18 +69,17 @@ std::string enter_namespaces(const NamespaceOptions& options) {
     write_proc("/proc/sys/net/ipv6/conf/all/disable_ipv6", "1");
     write_proc("/proc/sys/net/ipv6/conf/default/disable_ipv6", "1");
 
-    if (run_shell("ip link set lo up") != 0) return "ip link set lo up failed";
+    if (run_shell("ip link set lo up") != 0)
+        return "ip link set lo up failed";
     if (options.bridge) {
         const char* const steps[] = {
-            "ip link add br0 type bridge",
-            "ip link add veth0 type veth peer name veth1",
-            "ip link set veth0 master br0",
-            "ip link set veth0 up",
-            "ip link set veth1 up",
-            "ip link set br0 up",
+            "ip link add br0 type bridge",  "ip link add veth0 type veth peer name veth1",
+            "ip link set veth0 master br0", "ip link set veth0 up",
+            "ip link set veth1 up",         "ip link set br0 up",
         };
         for (const char* step : steps) {
-            if (run_shell(step) != 0) return std::string("failed: ") + step;
+            if (run_shell(step) != 0)
+                return std::string("failed: ") + step;
         }
     }
     return "";
@@ -81,10 +88,12 @@ std::string enter_namespaces(const NamespaceOptions& options) {
 std::vector<uint8_t> interface_mac(const std::string& ifname) {
     std::vector<uint8_t> mac(6, 0);
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return mac;
+    if (fd < 0)
+        return mac;
     struct ifreq ifr {};
     std::strncpy(ifr.ifr_name, ifname.c_str(), IFNAMSIZ - 1);
-    if (ioctl(fd, SIOCGIFHWADDR, &ifr) == 0) std::memcpy(mac.data(), ifr.ifr_hwaddr.sa_data, 6);
+    if (ioctl(fd, SIOCGIFHWADDR, &ifr) == 0)
+        std::memcpy(mac.data(), ifr.ifr_hwaddr.sa_data, 6);
     close(fd);
     return mac;
 }
@@ -92,9 +101,11 @@ std::vector<uint8_t> interface_mac(const std::string& ifname) {
 PeerPort::PeerPort(const std::string& ifname, uint16_t ether_type) {
     mac_ = interface_mac(ifname);
     ifindex_ = static_cast<int>(if_nametoindex(ifname.c_str()));
-    if (ifindex_ == 0) return;
+    if (ifindex_ == 0)
+        return;
     fd_ = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ether_type));
-    if (fd_ < 0) return;
+    if (fd_ < 0)
+        return;
     struct sockaddr_ll addr {};
     addr.sll_family = AF_PACKET;
     addr.sll_protocol = htons(ether_type);
@@ -106,7 +117,8 @@ PeerPort::PeerPort(const std::string& ifname, uint16_t ether_type) {
 }
 
 PeerPort::~PeerPort() {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0)
+        close(fd_);
 }
 
 bool PeerPort::send(const std::vector<uint8_t>& frame) {
@@ -122,10 +134,12 @@ std::optional<std::vector<uint8_t>> PeerPort::receive(std::chrono::milliseconds 
     struct pollfd p {
         fd_, POLLIN, 0
     };
-    if (poll(&p, 1, static_cast<int>(timeout.count())) <= 0) return std::nullopt;
+    if (poll(&p, 1, static_cast<int>(timeout.count())) <= 0)
+        return std::nullopt;
     std::vector<uint8_t> frame(65536);
     const ssize_t n = recv(fd_, frame.data(), frame.size(), 0);
-    if (n < 0) return std::nullopt;
+    if (n < 0)
+        return std::nullopt;
     frame.resize(static_cast<size_t>(n));
     return frame;
 }

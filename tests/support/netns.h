@@ -20,9 +20,9 @@
 namespace kestr::test {
 
 struct NamespaceOptions {
-    bool ipc = false;     // a private System V IPC namespace as well
-    bool bridge = true;   // create br0 with veth0, and its peer veth1
-    bool mount = true;    // a private mount namespace with a tmpfs on /var/run
+    bool ipc = false;    // a private System V IPC namespace as well
+    bool bridge = true;  // create br0 with veth0, and its peer veth1
+    bool mount = true;   // a private mount namespace with a tmpfs on /var/run
 };
 
 // "" on success; otherwise why the namespaces could not be made. When the
@@ -40,7 +40,7 @@ std::vector<uint8_t> interface_mac(const std::string& ifname);
 // A raw port on the far side of the bridge (veth1 by default) that sends
 // frames into br0 and receives what br0 sends, for one EtherType.
 class PeerPort {
-public:
+  public:
     explicit PeerPort(const std::string& ifname = "veth1", uint16_t ether_type = 0x893A);
     ~PeerPort();
     PeerPort(const PeerPort&) = delete;
@@ -52,7 +52,7 @@ public:
     // The next frame, or nothing within `timeout`.
     std::optional<std::vector<uint8_t>> receive(std::chrono::milliseconds timeout);
 
-private:
+  private:
     int fd_ = -1;
     int ifindex_ = 0;
     std::vector<uint8_t> mac_;
@@ -62,9 +62,10 @@ private:
 
 // Enters fresh namespaces or ends the test: skipped when not root, failed
 // when root and the namespaces cannot be made.
-#define KESTR_ENTER_NAMESPACES(...)                                           \
-    do {                                                                      \
+#define KESTR_ENTER_NAMESPACES(...)                                            \
+    do {                                                                       \
         const std::string why_ = ::kestr::test::enter_namespaces(__VA_ARGS__); \
-        if (why_.rfind("skip:", 0) == 0) GTEST_SKIP() << why_;                \
-        ASSERT_EQ(why_, "");                                                  \
+        if (why_.rfind("skip:", 0) == 0)                                       \
+            GTEST_SKIP() << why_;                                              \
+        ASSERT_EQ(why_, "");                                                   \
     } while (0)

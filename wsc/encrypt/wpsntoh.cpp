@@ -4,9 +4,13 @@
 
 #include "port/common/bytes.h"
 
-uint32 WpsNtohl(uint8* a) { return kestr::load_be32(a); }
+uint32 WpsNtohl(uint8* a) {
+    return kestr::load_be32(a);
+}
 
-uint16 WpsNtohs(uint8* a) { return kestr::load_be16(a); }
+uint16 WpsNtohs(uint8* a) {
+    return kestr::load_be16(a);
+}
 
 uint32 WpsHtonl(uint32 intlong) {
     uint8 wire[4];
