@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_wsc_fill.h"
 #include "port/19051_port.h"
 #include "port/common/bytes.h"
 #include "protocol/19051_msg.h"
@@ -64,26 +65,6 @@ void export_public(DH* dh, uint8_t out[kDhPublicKeyLen]) {
         broken("cannot export a public key");
 }
 
-template <typename Record>
-void set_bytes(Record* r, const void* src, size_t len) {
-    std::memcpy(r->val, src, len);
-    r->valid_len = static_cast<u_int16_t>(len);
-    r->valid = 1;
-}
-
-template <typename Record, typename Value>
-void set_number(Record* r, Value v) {
-    r->val = v;
-    r->valid = 1;
-}
-
-template <typename Record>
-void set_from_getter(Record* r, int (*getter)(u_int8_t*, int), int room) {
-    const int n = getter(r->val, room);
-    r->valid_len = static_cast<u_int16_t>(n < 0 ? 0 : n);
-    r->valid = 1;
-}
-
 FixedExchange* make() {
     auto* x = new FixedExchange;
     x->enrollee = fixed_pair(0x11);
@@ -96,10 +77,10 @@ FixedExchange* make() {
     reg_proto_delete_dhkeypair(&fresh);
     std::memset(x->m1.UUIDE.val, 0, sizeof x->m1.UUIDE.val);
     std::memcpy(x->m1.mac.val, x->own_mac, sizeof x->m1.mac.val);
-    set_bytes(&x->m1.enrollee_nonce, kEnrolleeNonce, sizeof kEnrolleeNonce);
+    kestr::fill::bytes(&x->m1.enrollee_nonce, kEnrolleeNonce, sizeof kEnrolleeNonce);
     uint8_t pub[kDhPublicKeyLen];
     export_public(x->enrollee, pub);
-    set_bytes(&x->m1.public_key, pub, sizeof pub);
+    kestr::fill::bytes(&x->m1.public_key, pub, sizeof pub);
     x->m1_tlv.assign(kCmduContentLen, 0);
     if (IEEE19051_GetWscTlv(&x->m1, x->m1_tlv.data(), kCmduContentLen) <= 0)
         broken("cannot encode the M1");
@@ -115,30 +96,16 @@ FixedExchange* make() {
 // The registrar's M2 record around sealed settings of `sealed_len` bytes.
 wsc_configuration_t m2_record(const FixedExchange& x, const uint8_t* sealed, size_t sealed_len) {
     wsc_configuration_t c{};
-    set_number(&c.version, 0x10);
-    set_number(&c.message_type, MessageType_M2);
-    set_bytes(&c.enrollee_nonce, x.m1.enrollee_nonce.val, kWscNonceLen);
-    set_bytes(&c.registrar_nonce, x.registrar_nonce, kWscNonceLen);
+    kestr::fill::number(&c.version, 0x10);
+    kestr::fill::number(&c.message_type, MessageType_M2);
+    kestr::fill::bytes(&c.enrollee_nonce, x.m1.enrollee_nonce.val, kWscNonceLen);
+    kestr::fill::bytes(&c.registrar_nonce, x.registrar_nonce, kWscNonceLen);
     uint8_t pub[kDhPublicKeyLen];
     export_public(x.registrar, pub);
-    set_bytes(&c.public_key, pub, sizeof pub);
-    set_number(&c.authentication_type_flags, 0);
-    set_number(&c.encryption_type_flags, 0);
-    set_number(&c.connectioin_type_flags, 0);
-    set_number(&c.configuration_methods, 0);
-    set_from_getter(&c.manufacturer, IEEE19051Port_GetManufacturer, 64);
-    set_from_getter(&c.model_name, IEEE19051Port_GetModelName, 32);
-    set_from_getter(&c.model_number, IEEE19051Port_GetModelNumber, 32);
-    set_from_getter(&c.serial_number, IEEE19051Port_GetSerialNumber, 32);
-    set_from_getter(&c.primary_device_type, IEEE19051Port_GetDeviceType, 8);
-    set_from_getter(&c.device_name, IEEE19051Port_GetDeviceName, 32);
-    set_number(&c.rf_bands, RFBands_2P4G);
-    set_number(&c.association_state, 0);
-    set_number(&c.pwd_id, DevicePasswordID_PushButton);
-    set_number(&c.configuration_error, 0);
-    set_from_getter(&c.os_version, IEEE19051Port_GetOsVersion, 4);
-    set_from_getter(&c.vendor_extension, IEEE19051Port_GetVendorExtension, 1024);
-    set_bytes(&c.encrypted_settings, sealed, sealed_len);
+    kestr::fill::bytes(&c.public_key, pub, sizeof pub);
+    kestr::fill::constants(&c, 0);
+    kestr::fill::identity(&c);
+    kestr::fill::bytes(&c.encrypted_settings, sealed, sealed_len);
     return c;
 }
 
@@ -200,7 +167,7 @@ std::vector<uint8_t> sealed_m2(const uint8_t* plain, size_t plain_len) {
     kestr::hmac_sha256_two(x.keys.authKey, sizeof x.keys.authKey, m1_attributes(),
                            static_cast<size_t>(m1_attributes_length()), tlv.data() + kTlvHeaderLen,
                            kestr::load_be16(tlv.data() + 1), digest);
-    set_bytes(&m2.authenticator, digest, 8);
+    kestr::fill::bytes(&m2.authenticator, digest, 8);
     std::fill(tlv.begin(), tlv.end(), 0);
     if (IEEE19051_GetWscTlv(&m2, tlv.data(), kCmduContentLen) <= 0)
         return {};
