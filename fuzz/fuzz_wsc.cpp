@@ -19,16 +19,6 @@ namespace {
 
 constexpr size_t kMaxValue = 0xFFFF;
 
-// A WSC TLV of exactly 3 + `len` bytes around `value`.
-std::vector<uint8_t> wsc_tlv(const uint8_t* value, size_t len) {
-    std::vector<uint8_t> tlv(kTlvHeaderLen + len);
-    tlv[0] = IEEE1905_TLV_TYPE_WPS;
-    kestr::store_be16(tlv.data() + 1, static_cast<uint16_t>(len));
-    if (len != 0)
-        std::memcpy(tlv.data() + kTlvHeaderLen, value, len);
-    return tlv;
-}
-
 wsc_configuration_t parse(std::vector<uint8_t>& tlv) {
     wsc_configuration_t c;
     std::memset(&c, 0, sizeof c);
@@ -60,7 +50,7 @@ void walk(std::vector<uint8_t>& tlv) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > kMaxValue)
         return 0;  // no TLV length says more
-    std::vector<uint8_t> tlv = wsc_tlv(data, size);
+    std::vector<uint8_t> tlv = kestr::fuzz::wsc_tlv(data, size);
     walk(tlv);
 
     wsc_configuration_t parsed = parse(tlv);

@@ -50,15 +50,6 @@ Opened open_m2(std::vector<uint8_t> tlv) {
     return o;
 }
 
-std::vector<uint8_t> received_tlv(const uint8_t* value, size_t len) {
-    std::vector<uint8_t> tlv(kTlvHeaderLen + len);
-    tlv[0] = IEEE1905_TLV_TYPE_WPS;
-    kestr::store_be16(tlv.data() + 1, static_cast<uint16_t>(len));
-    if (len != 0)
-        std::memcpy(tlv.data() + kTlvHeaderLen, value, len);
-    return tlv;
-}
-
 // The settings the plaintext reader makes of `plain`, and whether its Key
 // Wrap Authenticator is the right one for the bytes before it.
 bool authentic(const std::vector<uint8_t>& plain, wsc_encrypted_settings_t* read) {
@@ -90,7 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t rest_len = size - 1;
 
     if ((mode & 1) == 0) {
-        open_m2(received_tlv(rest, rest_len));
+        open_m2(kestr::fuzz::wsc_tlv(rest, rest_len));
         return 0;
     }
 

@@ -1,4 +1,5 @@
 #include "fuzz/support.h"
+#include "port/common/bytes.h"
 
 #include <linux/capability.h>
 #include <sanitizer/common_interface_defs.h>
@@ -81,6 +82,15 @@ Frame::Frame(const uint8_t* data, size_t size)
       length_(static_cast<int>(std::min<size_t>(size, kCmduMaxFrameLen))) {
     if (length_ > 0)
         std::memcpy(bytes_.data(), data, static_cast<size_t>(length_));
+}
+
+std::vector<uint8_t> wsc_tlv(const uint8_t* value, size_t len) {
+    std::vector<uint8_t> tlv(kTlvHeaderLen + len);
+    tlv[0] = IEEE1905_TLV_TYPE_WPS;
+    kestr::store_be16(tlv.data() + 1, static_cast<uint16_t>(len));
+    if (len != 0)
+        std::memcpy(tlv.data() + kTlvHeaderLen, value, len);
+    return tlv;
 }
 
 }  // namespace kestr::fuzz

@@ -54,6 +54,10 @@ class Frame {
     int length_;
 };
 
+// A WSC TLV of exactly 3 + `len` bytes around `value`, in storage of its own
+// so a read past it is seen by the sanitizer.
+std::vector<uint8_t> wsc_tlv(const uint8_t* value, size_t len);
+
 }  // namespace kestr::fuzz
 
 #define KESTR_FUZZ_SAME_TEXT(got, expected) \
