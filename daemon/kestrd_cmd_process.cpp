@@ -1,16 +1,17 @@
 #include "daemon/kestrd_cmd_process.h"
 
-#include <cstring>
-
-#include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_band.h"
+#include "daemon/kestrd_enrollee.h"
 
 int IEEE19051_CommandProcess(char* buf, int /*buflen*/) {
     if (buf == nullptr)
         return 0;
-    if (std::strncmp(buf, "apclone_24G", 11) == 0) {
+    const std::optional<kestr::Band> band = kestr::band_of_command(buf);
+    if (!band)
+        return 0;
+    if (*band == kestr::Band::g2p4())
         IEEE19051_CmdApcloneProcess_2P4G();
-    } else if (std::strncmp(buf, "apclone_5G", 10) == 0) {
+    else
         IEEE19051_CmdApcloneProcess_5G();
-    }
     return 0;
 }

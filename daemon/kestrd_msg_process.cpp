@@ -6,9 +6,10 @@
 
 #include "daemon/kestrd_apclone.h"
 #include "os/pthread_utils.h"
+#include "port/19051_port.h"
 #include "protocol/19051_frame.h"
 #include "protocol/19051_msg.h"
-#include "protocol/19051_parse.h"
+#include "protocol/19051_view.h"
 
 std::atomic<int> msgThreadIsRunning{0};
 
@@ -19,16 +20,14 @@ int msgThreadId = -1;
 // One whole frame, owned by the receive task and parsed in place.
 u_int8_t g_frame[kCmduMaxFrameLen];
 
+// The frame and the number of bytes read travel together from here on, so
+// nothing past what arrived is ever taken for part of the frame.
 uint32_t run(void*) {
     std::memset(g_frame, 0, sizeof g_frame);
     while (msgThreadIsRunning.load() != 0) {
-        const int n = IEEE19051_RecvMsg("br0", g_frame, sizeof g_frame, 1);
+        const int n = IEEE19051_RecvMsg(kestr::kBridge, g_frame, sizeof g_frame, 1);
         if (n <= 0)
             continue;
-        // Bytes of an earlier, longer frame must never look like TLVs of this
-        // one, and no TLV may claim bytes that did not arrive: the handlers
-        // see only TLVs that lie wholly inside what was just read.
-        kestr::end_tlvs_at_received(g_frame, n);
         handle_msg(g_frame, n);
         usleep(10);
     }
@@ -38,8 +37,8 @@ uint32_t run(void*) {
 }  // namespace
 
 void IEEE19051_MsgProcessStart() {
-    char br0[] = "br0";
-    IEEE19051_MsgInit(br0);
+    char bridge[] = "br0";
+    IEEE19051_MsgInit(bridge);
     if (msgThreadId == -1) {
         msgThreadIsRunning.store(1);
         msgThreadId = OS_TaskSpawnParam("msgProcess", run, nullptr, nullptr);
@@ -59,7 +58,9 @@ void IEEE19051_MsgProcessEnd() {
 }
 
 void handle_msg(u_int8_t* msg, int msglen) {
-    const int type = IEEE19051_GetType(msg);
+    if (msg == nullptr)
+        return;
+    const int type = kestr::FrameView(msg, msglen < 0 ? 0 : static_cast<size_t>(msglen)).type();
     if (type >= IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_SEARCH &&
         type <= IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_RENEW) {
         IEEE19051_MsgApcloneProcess(type, msg, msglen);

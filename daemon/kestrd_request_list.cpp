@@ -8,6 +8,7 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "os/pthread_utils.h"
 #include "port/common/common.h"
@@ -32,8 +33,8 @@ void unlock() {
 }
 
 IEEE19051_RequestRecord_t* record_of(struct list_head* node) {
-    return reinterpret_cast<IEEE19051_RequestRecord_t*>(reinterpret_cast<char*>(node) -
-                                                        offsetof(IEEE19051_RequestRecord_t, node));
+    return kestr::outer_of<IEEE19051_RequestRecord_t>(node,
+                                                      offsetof(IEEE19051_RequestRecord_t, node));
 }
 
 bool list_empty_locked() {
@@ -51,6 +52,52 @@ void list_unlink_locked(struct list_head* node) {
     node->prev->next = node->next;
     node->next->prev = node->prev;
     node->next = node->prev = node;
+}
+
+// Records live in the list from their append to their removal; the list
+// holds them by their links, so ownership passes through plain pointers:
+// taken by the append, given back to these owners by the removal.
+using RecordPtr = std::unique_ptr<IEEE19051_RequestRecord_t>;
+using ExtraPtr = std::unique_ptr<RequestExtraDataM1_t>;
+
+RecordPtr new_record() {
+    try {
+        return std::make_unique<IEEE19051_RequestRecord_t>();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+// Frees what the record owns; the record's copies of the pointer go with it.
+void free_extra_locked(IEEE19051_RequestRecord_t* record) {
+    ExtraPtr doomed(std::exchange(record->owned, nullptr));
+    if (doomed != nullptr)
+        record->info.extraData = nullptr;
+}
+
+void delete_locked(IEEE19051_RequestRecord_t* record) {
+    list_unlink_locked(&record->node);
+    free_extra_locked(record);
+    RecordPtr doomed(record);
+}
+
+bool append(IEEE19051_Info_t info, ExtraPtr extra) {
+    lock();
+    RecordPtr record = new_record();
+    if (record == nullptr) {
+        KESTR_ERR_IN("IEEE19051_AddRequestRecord", "malloc error\n");
+        unlock();
+        return false;
+    }
+    if (extra != nullptr) {
+        info.extraData = extra.get();
+        info.extraDataType = RequestExtraDataType_M1;
+    }
+    record->info = info;
+    record->owned = extra.release();
+    list_append_locked(&record.release()->node);
+    unlock();
+    return true;
 }
 
 // The oldest record that `match` accepts, or null. Caller holds the lock.
@@ -147,16 +194,27 @@ void IEEE19051_UninitList() {
 }
 
 void IEEE19051_AddRequestRecord(IEEE19051_Info_t info) {
+    append(info, nullptr);
+}
+
+bool kestr::add_request(IEEE19051_Info_t info, std::unique_ptr<RequestExtraDataM1_t> extra) {
+    return append(info, std::move(extra));
+}
+
+void kestr::release_extra(int mid) {
     lock();
-    auto* record = new (std::nothrow) IEEE19051_RequestRecord_t;
-    if (record == nullptr) {
-        KESTR_ERR("malloc error\n");
-        unlock();
-        return;
-    }
-    record->info = info;
-    list_append_locked(&record->node);
+    IEEE19051_RequestRecord_t* record =
+        find_locked([mid](const IEEE19051_Info_t& r) { return r.mid == mid; });
+    if (record != nullptr)
+        free_extra_locked(record);
     unlock();
+}
+
+kestr::FrameView response_frame(void* response, void* responseLen) {
+    const int len =
+        responseLen != nullptr ? *static_cast<const int*>(responseLen) : kCmduMaxFrameLen;
+    return kestr::FrameView(static_cast<const uint8_t*>(response),
+                            len < 0 ? 0 : static_cast<size_t>(len));
 }
 
 int IEEE19051_GetRequestRecordInfoByMid(int /*type*/, int mid, IEEE19051_Info_t* info) {
@@ -196,10 +254,8 @@ void IEEE19051_DelRequestRecordByMid(int mid) {
     lock();
     IEEE19051_RequestRecord_t* record =
         find_locked([mid](const IEEE19051_Info_t& r) { return r.mid == mid; });
-    if (record != nullptr) {
-        list_unlink_locked(&record->node);
-        delete record;
-    }
+    if (record != nullptr)
+        delete_locked(record);
     unlock();
 }
 
@@ -207,10 +263,8 @@ void IEEE19051_DelRequestRecord(IEEE19051_RequestRecord_t* record) {
     if (record == nullptr)
         return;
     lock();
-    if (!list_empty_locked()) {
-        list_unlink_locked(&record->node);
-        delete record;
-    }
+    if (!list_empty_locked())
+        delete_locked(record);
     unlock();
 }
 

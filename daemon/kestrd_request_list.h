@@ -14,6 +14,12 @@
 #include <time.h>
 
 #include <cstdint>
+#include <memory>
+
+#include "port/common/bytes.h"
+#include "protocol/19051_frame.h"
+#include "protocol/19051_view.h"
+#include "wsc/encrypt/encrypt.h"
 
 typedef int (*RESPONSE_HANDLER)(void* response, void* responseLen, void* requestInfo);
 typedef int (*TIMEOUT_HANDLER)(void* requestInfo);
@@ -25,12 +31,16 @@ typedef enum {
 
 constexpr int kRequestLifetimeSeconds = 3;
 
-// What an M1 request keeps to check the M2 that answers it.
-typedef struct {
-    DH* dh;                 // the enrollee's key pair for this M1
-    u_int8_t wsctlv[1492];  // the M1's WSC TLV exactly as sent, zero after its end
-    u_int8_t enrollee_nonce[16];
-} RequestExtraDataM1_t;
+// What an M1 request keeps to check the M2 that answers it. The pending
+// request owns it (see kestr::add_request), and with it the key pair.
+struct RequestExtraDataM1_t {
+    kestr::DhKeyPair dh;                    // the enrollee's key pair for this M1
+    u_int8_t wsctlv[kCmduContentLen] = {};  // the M1's WSC TLV exactly as sent, zero after its end
+    u_int8_t enrollee_nonce[kWscNonceLen] = {};
+
+    // The M1's attribute bytes as sent: what the M2's Authenticator covers.
+    kestr::ByteReader m1_attributes() const { return kestr::tlv_value(wsctlv); }
+};
 
 typedef struct {
     int mid;
@@ -55,7 +65,14 @@ struct list_head {
 typedef struct {
     IEEE19051_Info_t info;
     struct list_head node;
+    // The extra data, when the record owns it (kestr::add_request): it is
+    // freed with the record.
+    RequestExtraDataM1_t* owned;
 } IEEE19051_RequestRecord_t;
+
+// What a response handler receives, as a view: the frame `response` and the
+// int at `responseLen` (a whole 1514-byte frame buffer when there is none).
+kestr::FrameView response_frame(void* response, void* responseLen);
 
 void IEEE19051_InitList();
 void IEEE19051_UninitList();
@@ -89,6 +106,17 @@ void IEEE19051_LockRequestUse();
 void IEEE19051_UnlockRequestUse();
 
 namespace kestr {
+
+// Records `info` as IEEE19051_AddRequestRecord does, and hands the record
+// `extra` to own: info.extraData points at it until the record is deleted,
+// which frees it (key pair included). False, with `extra` freed, when the
+// request could not be recorded.
+bool add_request(IEEE19051_Info_t info, std::unique_ptr<RequestExtraDataM1_t> extra);
+
+// Frees the extra data that the record of request `mid` owns, before the
+// record itself goes.
+void release_extra(int mid);
+
 class RequestUseGuard {
   public:
     RequestUseGuard() { IEEE19051_LockRequestUse(); }

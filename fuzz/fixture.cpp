@@ -13,6 +13,9 @@
 #include <cstring>
 
 #include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_enrollee.h"
+#include "daemon/kestrd_registrar.h"
+#include "daemon/kestrd_run.h"
 #include "daemon/kestrd_wsc_fill.h"
 #include "port/19051_port.h"
 #include "port/common/bytes.h"
@@ -77,10 +80,11 @@ FixedExchange* make() {
     reg_proto_delete_dhkeypair(&fresh);
     std::memset(x->m1.UUIDE.val, 0, sizeof x->m1.UUIDE.val);
     std::memcpy(x->m1.mac.val, x->own_mac, sizeof x->m1.mac.val);
-    kestr::fill::bytes(&x->m1.enrollee_nonce, kEnrolleeNonce, sizeof kEnrolleeNonce);
+    kestr::wsc::set_bytes(&x->m1.enrollee_nonce,
+                          kestr::ConstBytes(kEnrolleeNonce, sizeof kEnrolleeNonce));
     uint8_t pub[kDhPublicKeyLen];
     export_public(x->enrollee, pub);
-    kestr::fill::bytes(&x->m1.public_key, pub, sizeof pub);
+    kestr::wsc::set_bytes(&x->m1.public_key, kestr::ConstBytes(pub, sizeof pub));
     x->m1_tlv.assign(kCmduContentLen, 0);
     if (IEEE19051_GetWscTlv(&x->m1, x->m1_tlv.data(), kCmduContentLen) <= 0)
         broken("cannot encode the M1");
@@ -96,16 +100,17 @@ FixedExchange* make() {
 // The registrar's M2 record around sealed settings of `sealed_len` bytes.
 wsc_configuration_t m2_record(const FixedExchange& x, const uint8_t* sealed, size_t sealed_len) {
     wsc_configuration_t c{};
-    kestr::fill::number(&c.version, 0x10);
-    kestr::fill::number(&c.message_type, MessageType_M2);
-    kestr::fill::bytes(&c.enrollee_nonce, x.m1.enrollee_nonce.val, kWscNonceLen);
-    kestr::fill::bytes(&c.registrar_nonce, x.registrar_nonce, kWscNonceLen);
+    kestr::wsc::set(&c.version, 0x10);
+    kestr::wsc::set(&c.message_type, MessageType_M2);
+    kestr::wsc::set_bytes(&c.enrollee_nonce,
+                          kestr::ConstBytes(x.m1.enrollee_nonce.val, kWscNonceLen));
+    kestr::wsc::set_bytes(&c.registrar_nonce, kestr::ConstBytes(x.registrar_nonce, kWscNonceLen));
     uint8_t pub[kDhPublicKeyLen];
     export_public(x.registrar, pub);
-    kestr::fill::bytes(&c.public_key, pub, sizeof pub);
-    kestr::fill::constants(&c, 0);
+    kestr::wsc::set_bytes(&c.public_key, kestr::ConstBytes(pub, sizeof pub));
+    kestr::fill::constants(&c, kestr::Band::g2p4());
     kestr::fill::identity(&c);
-    kestr::fill::bytes(&c.encrypted_settings, sealed, sealed_len);
+    kestr::wsc::set_bytes(&c.encrypted_settings, kestr::ConstBytes(sealed, sealed_len));
     return c;
 }
 
@@ -167,7 +172,7 @@ std::vector<uint8_t> sealed_m2(const uint8_t* plain, size_t plain_len) {
     kestr::hmac_sha256_two(x.keys.authKey, sizeof x.keys.authKey, m1_attributes(),
                            static_cast<size_t>(m1_attributes_length()), tlv.data() + kTlvHeaderLen,
                            kestr::load_be16(tlv.data() + 1), digest);
-    kestr::fill::bytes(&m2.authenticator, digest, 8);
+    kestr::wsc::set_bytes(&m2.authenticator, kestr::ConstBytes(digest, 8));
     std::fill(tlv.begin(), tlv.end(), 0);
     if (IEEE19051_GetWscTlv(&m2, tlv.data(), kCmduContentLen) <= 0)
         return {};

@@ -28,7 +28,10 @@
 #include <vector>
 
 #include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_enrollee.h"
+#include "daemon/kestrd_registrar.h"
 #include "daemon/kestrd_request_list.h"
+#include "daemon/kestrd_run.h"
 #include "fuzz/fixture.h"
 #include "fuzz/support.h"
 

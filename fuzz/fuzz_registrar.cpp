@@ -10,6 +10,9 @@
 #include <vector>
 
 #include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_enrollee.h"
+#include "daemon/kestrd_registrar.h"
+#include "daemon/kestrd_run.h"
 #include "fuzz/support.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

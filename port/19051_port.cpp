@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "port/comlib/libxmldbc.h"
+#include "port/common/bytes.h"
 #include "port/common/unique_fd.h"
 #include "port/util.h"
 
@@ -31,17 +32,6 @@ constexpr const char* kWlanMacNode = "/runtime/devdata/wlanmac";
 constexpr const char* kBand5G = "/runtime/apcloning/BAND_5G";
 constexpr const char* kBand24G = "/runtime/apcloning/BAND_2P4G";
 constexpr const char* kBackup = "/backup_setting";
-
-// WSC Authentication and Encryption Type values.
-constexpr int kAuthOpen = 0x0001;
-constexpr int kAuthWpaPsk = 0x0002;
-constexpr int kAuthWpa2Psk = 0x0020;
-constexpr int kAuthWpaWpa2Psk = kAuthWpaPsk | kAuthWpa2Psk;
-constexpr int kEncrNone = 0x0001;
-constexpr int kEncrWep = 0x0002;
-constexpr int kEncrTkip = 0x0004;
-constexpr int kEncrAes = 0x0008;
-constexpr int kEncrTkipAes = kEncrTkip | kEncrAes;
 
 constexpr size_t kSmallBuf = 128;    // role, MAC and count values
 constexpr size_t kSettingBuf = 256;  // profile paths and texts
@@ -98,9 +88,14 @@ int set_backup_text(int is5G, int count, const u_int8_t* buf, int buflen, const 
         return -1;
     char value[kPortSetterMax];
     std::memset(value, 0, sizeof value);
-    const size_t limit = std::min(static_cast<size_t>(buflen), sizeof value - 1);
-    for (size_t i = 0; i < limit && buf[i] != '\0'; ++i)
-        value[i] = static_cast<char>(buf[i]);
+    const kestr::Span<const u_int8_t> text(buf,
+                                           std::min(static_cast<size_t>(buflen), sizeof value - 1));
+    size_t n = 0;
+    for (const u_int8_t c : text) {
+        if (c == '\0')
+            break;
+        value[n++] = static_cast<char>(c);
+    }
     db_write(BackupPath(is5G, count, leaf).text, value);
     return 0;
 }
@@ -206,6 +201,12 @@ int IEEE19051Port_GetMacByInterface(char* tx_interface, struct ether_addr* mac) 
     return 0;
 }
 
+kestr::Mac kestr::interface_mac(const char* name) {
+    struct ether_addr mac {};
+    IEEE19051Port_GetMacByInterface(const_cast<char*>(name), &mac);
+    return Mac::of(mac);
+}
+
 int IEEE19051Port_GetUUID(u_int8_t* UUID, int UUIDlen) {
     if (UUID == nullptr || UUIDlen < ETH_ALEN)
         return -1;
@@ -213,7 +214,10 @@ int IEEE19051Port_GetUUID(u_int8_t* UUID, int UUIDlen) {
     struct ether_addr mac;
     if (IEEE19051Port_GetMacByInterface(bridge, &mac) != 0)
         return -1;
-    std::memcpy(UUID + UUIDlen - ETH_ALEN, mac.ether_addr_octet, ETH_ALEN);
+    // The MAC is the UUID's last six bytes; the caller's bytes before it stay.
+    kestr::ByteWriter(kestr::MutableBytes(UUID, static_cast<size_t>(UUIDlen))
+                          .subspan(static_cast<size_t>(UUIDlen - ETH_ALEN)))
+        .bytes(mac.ether_addr_octet, ETH_ALEN);
     return UUIDlen;
 }
 
@@ -252,18 +256,18 @@ int IEEE19051Port_GetEncryptSetting(int is5G, EncryptSetting_t* setting) {
     // Every PSK profile is offered as WPA-PSK + WPA2-PSK with TKIP + AES,
     // whatever cipher text it carries.
     if (is_psk_family(authtype)) {
-        setting->authtype = kAuthWpaWpa2Psk;
-        setting->encrtype = kEncrTkipAes;
+        setting->authtype = WSC_AUTH_WPA_WPA2PSK;
+        setting->encrtype = WSC_ENCR_TKIP_AES;
         xmldbc_get_wb(nullptr, 0, compose("%s/nwkey/psk/key", wifipath), setting->pwd,
                       sizeof setting->pwd);
     } else if (std::strcmp(encrtype, "WEP") == 0) {
-        setting->authtype = kAuthOpen;
-        setting->encrtype = kEncrWep;
+        setting->authtype = WSC_AUTH_OPEN;
+        setting->encrtype = WSC_ENCR_WEP;
         xmldbc_get_wb(nullptr, 0, compose("%s/nwkey/wep/key:1", wifipath), setting->pwd,
                       sizeof setting->pwd);
     } else {
-        setting->authtype = kAuthOpen;
-        setting->encrtype = kEncrNone;
+        setting->authtype = WSC_AUTH_OPEN;
+        setting->encrtype = WSC_ENCR_NONE;
     }
     return 0;
 }
@@ -285,16 +289,16 @@ void IEEE19051Port_SetCount(int is5G, int count) {
     db_write(node, value);
 }
 
-int IEEE19051Port_SetSSID(int is5G, int count, u_int8_t* buf, int buflen) {
+int IEEE19051Port_SetSSID(int is5G, int count, const u_int8_t* buf, int buflen) {
     return set_backup_text(is5G, count, buf, buflen, "/ssid");
 }
 
-int IEEE19051Port_SetNetworkKey(int is5G, int count, u_int8_t* buf, int buflen) {
+int IEEE19051Port_SetNetworkKey(int is5G, int count, const u_int8_t* buf, int buflen) {
     return set_backup_text(is5G, count, buf, buflen, "/key");
 }
 
 int IEEE19051Port_SetAuthType(int is5G, int count, u_int16_t type) {
-    const bool wpa2 = type == kAuthWpa2Psk || type == kAuthWpaWpa2Psk;
+    const bool wpa2 = type == WSC_AUTH_WPA2PSK || type == WSC_AUTH_WPA_WPA2PSK;
     db_write(BackupPath(is5G, count, "/authtype").text, wpa2 ? "WPA+2PSK" : "OPEN");
     return 0;
 }
@@ -302,12 +306,12 @@ int IEEE19051Port_SetAuthType(int is5G, int count, u_int16_t type) {
 int IEEE19051Port_SetEncrType(int is5G, int count, u_int16_t type) {
     const char* text = "NONE";
     switch (type) {
-        case kEncrWep:
+        case WSC_ENCR_WEP:
             text = "WEP";
             break;
-        case kEncrTkip:
-        case kEncrAes:
-        case kEncrTkipAes:
+        case WSC_ENCR_TKIP:
+        case WSC_ENCR_AES:
+        case WSC_ENCR_TKIP_AES:
             text = "TKIP+AES";
             break;
         default:

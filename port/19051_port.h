@@ -14,18 +14,34 @@
 
 #include <cstddef>
 
+#include "port/util.h"
+
 typedef enum {
     RoleTypeRegistrar = 0,
     RoleTypeEnrollee = 1,
     RoleTypeUnknown = 2,
 } RoleType_e;
 
+// WSC Authentication Type and Encryption Type values, the numbers in which
+// Wi-Fi security settings travel and are kept.
+enum : u_int16_t {
+    WSC_AUTH_OPEN = 0x0001,
+    WSC_AUTH_WPAPSK = 0x0002,
+    WSC_AUTH_WPA2PSK = 0x0020,
+    WSC_AUTH_WPA_WPA2PSK = WSC_AUTH_WPAPSK | WSC_AUTH_WPA2PSK,  // 0x0022
+    WSC_ENCR_NONE = 0x0001,
+    WSC_ENCR_WEP = 0x0002,
+    WSC_ENCR_TKIP = 0x0004,
+    WSC_ENCR_AES = 0x0008,
+    WSC_ENCR_TKIP_AES = WSC_ENCR_TKIP | WSC_ENCR_AES,  // 0x000C
+};
+
 // Wi-Fi security settings of one band as read from the database.
 typedef struct {
     char ssid[256];  // NUL-terminated
     char pwd[256];   // WPA passphrase or PSK, or the first WEP key; NUL-terminated
-    int authtype;    // WSC Authentication Type: 0x0001 open, 0x0022 WPA-PSK + WPA2-PSK
-    int encrtype;    // WSC Encryption Type: 0x0001 none, 0x0002 WEP, 0x000C TKIP + AES
+    int authtype;    // WSC_AUTH_OPEN or WSC_AUTH_WPA_WPA2PSK
+    int encrtype;    // WSC_ENCR_NONE, WSC_ENCR_WEP or WSC_ENCR_TKIP_AES
 } EncryptSetting_t;
 
 // Longest value the setters take, and the size of their work buffers.
@@ -68,8 +84,8 @@ int IEEE19051Port_GetEncryptSetting(int is5G, EncryptSetting_t* setting);
 // count node holds the number of the last complete one.
 int IEEE19051Port_GetCount(int is5G);
 void IEEE19051Port_SetCount(int is5G, int count);
-int IEEE19051Port_SetSSID(int is5G, int count, u_int8_t* buf, int buflen);
-int IEEE19051Port_SetNetworkKey(int is5G, int count, u_int8_t* buf, int buflen);
+int IEEE19051Port_SetSSID(int is5G, int count, const u_int8_t* buf, int buflen);
+int IEEE19051Port_SetNetworkKey(int is5G, int count, const u_int8_t* buf, int buflen);
 int IEEE19051Port_SetAuthType(int is5G, int count, u_int16_t type);
 int IEEE19051Port_SetEncrType(int is5G, int count, u_int16_t type);
 int IEEE19051Port_SetDone(int is5G, int isDone);
@@ -78,3 +94,14 @@ int IEEE19051Port_SetDone(int is5G, int isDone);
 // (e.g. "/phyinf:2"). Members 1 to 63 are tried in order; the first match
 // wins. 0 when found; -1 when none matches or a read fails.
 ssize_t xmldbc_getpathbyuid(const char* node, const char* uid_value, char* path_buf, size_t size);
+
+namespace kestr {
+
+// The bridge every frame of the daemon goes out and comes in on.
+constexpr const char* kBridge = "br0";
+
+// The MAC address of interface `name`; all zero when it cannot be read (the
+// error line says so).
+Mac interface_mac(const char* name);
+
+}  // namespace kestr

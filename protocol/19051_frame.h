@@ -16,6 +16,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "port/util.h"
+
 constexpr uint16_t kIeee1905EtherType = 0x893A;
 constexpr int kEtherHeaderLen = 14;
 constexpr int kCmduHeaderLen = 8;
@@ -25,6 +27,7 @@ constexpr int kCmduMaxFrameLen = kEtherHeaderLen + kCmduHeaderLen + kCmduContent
 constexpr int kCmduMinFrameLen = kEtherHeaderLen + kCmduHeaderLen + kTlvHeaderLen;    // 25
 constexpr int kMinEtherFrameLen = 60;
 constexpr const char* kIeee1905MulticastMac = "01:80:c2:00:00:13";
+constexpr kestr::Mac kIeee1905Multicast{{0x01, 0x80, 0xc2, 0x00, 0x00, 0x13}};
 
 constexpr uint8_t kCmduFlagLastFragment = 0x80;
 constexpr uint8_t kCmduFlagRelay = 0x40;
@@ -77,6 +80,13 @@ typedef enum {
     IEEE1905_MEDIA_TYPE_MOCA = 3,
     IEEE1905_MEDIA_TYPE_RESERVED = 4,
 } ieee1905MediaType_e;
+
+// The 16-bit 1905.1 media type: the media class in the high byte, the low 8
+// bits of `desc` (the variant within the class) in the low byte.
+constexpr uint16_t IEEE19051_MeidaType(ieee1905MediaType_e type, int desc) {
+    return static_cast<uint16_t>((static_cast<unsigned>(type) << 8) |
+                                 (static_cast<unsigned>(desc) & 0xFF));
+}
 
 #pragma pack(push, 1)
 typedef struct {

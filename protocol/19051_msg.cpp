@@ -17,6 +17,7 @@
 #include "port/common/report.h"
 #include "port/common/unique_fd.h"
 #include "port/util.h"
+#include "protocol/19051_view.h"
 
 namespace {
 
@@ -35,6 +36,26 @@ constexpr int kReceiveBufferBytes = 1 << 20;
 void name_request(struct ifreq* ifr, const char* name) {
     std::memset(ifr, 0, sizeof *ifr);
     std::strncpy(ifr->ifr_name, name, IFNAMSIZ - 1);
+}
+
+// The interface part of the addressing record: the sending interface's own
+// address and index.
+int fill_interface(param_t* pparam, int sockfd, const char* tx_interface) {
+    struct ifreq ifr;
+    name_request(&ifr, tx_interface);
+    if (ioctl(sockfd, SIOCGIFHWADDR, &ifr) < 0) {
+        std::puts("Error running ioctl/SIOCGIFHWADDR");
+        return -1;
+    }
+    std::memcpy(pparam->sa.ether_addr_octet, ifr.ifr_hwaddr.sa_data, ETH_ALEN);
+
+    name_request(&ifr, tx_interface);
+    if (ioctl(sockfd, SIOCGIFINDEX, &ifr) < 0) {
+        std::puts("Error running ioctl/SIOCGIFINDEX");
+        return -1;
+    }
+    pparam->tx_idx = ifr.ifr_ifindex;
+    return 0;
 }
 
 }  // namespace
@@ -124,8 +145,9 @@ int IEEE19051_RecvMsg(const char* /*ifName*/, uint8_t* buf, int buf_len, unsigne
     }
     // A frame too short to hold an EtherType is refused on its length alone,
     // so no byte beyond what was read is ever examined.
+    const kestr::FrameView frame(buf, static_cast<size_t>(n));
     if (n >= kEtherHeaderLen) {
-        const uint16_t type = kestr::load_be16(buf + 12);
+        const uint16_t type = frame.ether_type();
         if (type != kIeee1905EtherType) {
             std::fprintf(stderr,
                          "%s: Not an IEEE1905.1 EtherType (received 0x%04X, expected 0x%04X)", fn,
@@ -137,8 +159,8 @@ int IEEE19051_RecvMsg(const char* /*ifName*/, uint8_t* buf, int buf_len, unsigne
         std::fprintf(stderr, "%s: Bad length of the frame: %d\n", fn, static_cast<int>(n));
         return -1;
     }
-    if (buf[14] != 0) {
-        std::fprintf(stderr, "%s: Unsupported version: %d\n", fn, buf[14]);
+    if (frame.version() != 0) {
+        std::fprintf(stderr, "%s: Unsupported version: %d\n", fn, frame.version());
         return -1;
     }
     return static_cast<int>(n);
@@ -152,22 +174,7 @@ int fillParam(param_t* pparam, int sockfd, const char* da_str, const char* tx_in
     mac_str_to_etheraddr(da_str, &pparam->da);
     if (tx_interface == nullptr)
         return 0;
-
-    struct ifreq ifr;
-    name_request(&ifr, tx_interface);
-    if (ioctl(sockfd, SIOCGIFHWADDR, &ifr) < 0) {
-        std::puts("Error running ioctl/SIOCGIFHWADDR");
-        return -1;
-    }
-    std::memcpy(pparam->sa.ether_addr_octet, ifr.ifr_hwaddr.sa_data, ETH_ALEN);
-
-    name_request(&ifr, tx_interface);
-    if (ioctl(sockfd, SIOCGIFINDEX, &ifr) < 0) {
-        std::puts("Error running ioctl/SIOCGIFINDEX");
-        return -1;
-    }
-    pparam->tx_idx = ifr.ifr_ifindex;
-    return 0;
+    return fill_interface(pparam, sockfd, tx_interface);
 }
 
 int sendPacket(int sockfd, struct ether_addr sa, const void* packet, const int num_bytes,
@@ -199,64 +206,60 @@ int sendPacket(int sockfd, struct ether_addr sa, const void* packet, const int n
     return 0;
 }
 
+// The header getters read a bare buffer, which by contract holds a whole
+// frame.
 int IEEE19051_GetEtherType(u_int8_t* buf) {
-    if (buf == nullptr)
-        return -1;
-    return kestr::load_be16(buf + 12);
+    return buf == nullptr ? -1 : kestr::FrameView(buf, kCmduMaxFrameLen).ether_type();
 }
 
 int IEEE19051_GetType(u_int8_t* buf) {
-    if (buf == nullptr)
-        return -1;
-    return kestr::load_be16(buf + 16);
+    return buf == nullptr ? -1 : kestr::FrameView(buf, kCmduMaxFrameLen).type();
 }
 
 int IEEE19051_GetMid(u_int8_t* buf) {
-    if (buf == nullptr)
-        return -1;
-    return kestr::load_be16(buf + 18);
+    return buf == nullptr ? -1 : kestr::FrameView(buf, kCmduMaxFrameLen).mid();
 }
 
 u_int8_t IEEE19051_GetFlags(u_int8_t* buf) {
-    if (buf == nullptr)
-        return 255;
-    return buf[21];
+    return buf == nullptr ? 255 : kestr::FrameView(buf, kCmduMaxFrameLen).flags();
 }
 
 int IEEE19051_GetEtherSmac(u_int8_t* buf, struct ether_addr* mac) {
     if (buf == nullptr || mac == nullptr)
         return -1;
-    std::memcpy(mac->ether_addr_octet, buf + 6, ETH_ALEN);
+    *mac = kestr::FrameView(buf, kCmduMaxFrameLen).source().ether();
     return 0;
 }
 
 int IEEE19051_GetEtherDmac(u_int8_t* buf, struct ether_addr* mac) {
     if (buf == nullptr || mac == nullptr)
         return -1;
-    std::memcpy(mac->ether_addr_octet, buf, ETH_ALEN);
+    *mac = kestr::FrameView(buf, kCmduMaxFrameLen).destination().ether();
     return 0;
-}
-
-uint16_t IEEE19051_MeidaType(ieee1905MediaType_e type, int desc) {
-    return static_cast<uint16_t>((static_cast<unsigned>(type) << 8) |
-                                 (static_cast<unsigned>(desc) & 0xFF));
 }
 
 // ---- Senders ----
 
-int kestr::send_cmdu(const char* sender, const char* da_text, const char* tx_interface, int mid,
+namespace {
+
+// A destination that cannot be read would leave the frame addressed to
+// 00:00:00:00:00:00: the text senders refuse it (the conversion prints why).
+bool destination(const char* text, kestr::Mac* out) {
+    struct ether_addr da;
+    if (mac_str_to_etheraddr(text, &da) != 0)
+        return false;
+    *out = kestr::Mac::of(da);
+    return true;
+}
+
+}  // namespace
+
+int kestr::send_cmdu(const char* sender, const Mac& da, const char* tx_interface, int mid,
                      OnAddressFailure on_address_failure, const CmduBuilder& build) {
     if (tx_interface == nullptr) {
         std::puts("tx_interface == NULL");
         return -1;
     }
-    // A destination that cannot be read would leave the frame addressed to
-    // 00:00:00:00:00:00; refuse it here instead (the text's own complaint is
-    // printed by the conversion).
-    struct ether_addr da;
-    if (mac_str_to_etheraddr(da_text, &da) != 0)
-        return -1;
-
     // Protocol 0: the socket only sends and never queues received frames.
     kestr::UniqueFd fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
@@ -264,7 +267,9 @@ int kestr::send_cmdu(const char* sender, const char* da_text, const char* tx_int
         return -1;
     }
     param_t param{};
-    if (fillParam(&param, fd.get(), da_text, tx_interface, mid) != 0 &&
+    param.mid = mid;
+    param.da = da.ether();
+    if (fill_interface(&param, fd.get(), tx_interface) != 0 &&
         on_address_failure == OnAddressFailure::Stop) {
         kestr::report_line(kestr::LineKind::Error, KESTR_MODULE, sender, __LINE__,
                            "fill_param error");
@@ -286,9 +291,62 @@ int kestr::send_cmdu(const char* sender, const char* da_text, const char* tx_int
 using kestr::OnAddressFailure;
 using kestr::send_cmdu;
 
+namespace {
+
+// The multicast address of Searches, Renews and topology announcements.
+constexpr const kestr::Mac& kMulticast = kIeee1905Multicast;
+
+int response_to(const char* sender, const kestr::Mac& to, const char* tx_interface, int mid,
+                ap_autoconfig_response_param_t response_param) {
+    return send_cmdu(sender, to, tx_interface, mid, OnAddressFailure::GoOn,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketApAutoconfigurationResponse(packet, param,
+                                                                               response_param);
+                     });
+}
+
+int wsc_to(const char* sender, const kestr::Mac& to, const char* tx_interface, int mid,
+           wsc_configuration_t* config) {
+    return send_cmdu(sender, to, tx_interface, mid, OnAddressFailure::GoOn,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketApAutoconfigurationWsc(packet, param, config);
+                     });
+}
+
+int wsc_tlv_to(const char* sender, const kestr::Mac& to, const char* tx_interface, int mid,
+               ieee1905TLV_t* wsctlv) {
+    return send_cmdu(sender, to, tx_interface, mid, OnAddressFailure::GoOn,
+                     [&](ieee1905Message_t* packet, const param_t& param) {
+                         return IEEE19051_GetPacketApAutoconfigurationWsc2(packet, param, wsctlv);
+                     });
+}
+
+}  // namespace
+
+int kestr::send_response(const Mac& to, const char* tx_interface, int mid,
+                         ap_autoconfig_response_param_t response_param) {
+    return response_to("IEEE19051_SendMsgApAutoconfigurationResponse", to, tx_interface, mid,
+                       response_param);
+}
+
+int kestr::send_wsc(const Mac& to, const char* tx_interface, int mid, wsc_configuration_t* config) {
+    return wsc_to("IEEE19051_SendMsgApAutoconfigurationWsc", to, tx_interface, mid, config);
+}
+
+int kestr::send_wsc_tlv(const Mac& to, const char* tx_interface, int mid, ConstBytes tlv) {
+    // The builder reads 3 + the TLV's own length bytes; a buffer shorter
+    // than that is refused here, so it is never read past its end.
+    ByteReader whole(tlv.data(), tlv.size());
+    ByteReader value;
+    if (!whole.skip(1) || !whole.u16_length_prefixed(&value))
+        return -1;
+    return wsc_tlv_to("IEEE19051_SendMsgApAutoconfigurationWsc2", to, tx_interface, mid,
+                      reinterpret_cast<ieee1905TLV_t*>(const_cast<uint8_t*>(tlv.data())));
+}
+
 int IEEE19051_SendMsgApAutoconfigurationSearch(const char* tx_interface, int mid,
                                                ap_autoconfig_search_param_t search_param) {
-    return send_cmdu(__func__, kIeee1905MulticastMac, tx_interface, mid, OnAddressFailure::GoOn,
+    return send_cmdu(__func__, kMulticast, tx_interface, mid, OnAddressFailure::GoOn,
                      [&](ieee1905Message_t* packet, const param_t& param) {
                          return IEEE19051_GetPacketApAutoconfigurationSearch(packet, param,
                                                                              search_param);
@@ -298,27 +356,26 @@ int IEEE19051_SendMsgApAutoconfigurationSearch(const char* tx_interface, int mid
 int IEEE19051_SendMsgApAutoconfigurationResponse(const char* dest_mac, const char* tx_interface,
                                                  int mid,
                                                  ap_autoconfig_response_param_t response_param) {
-    return send_cmdu(__func__, dest_mac, tx_interface, mid, OnAddressFailure::GoOn,
-                     [&](ieee1905Message_t* packet, const param_t& param) {
-                         return IEEE19051_GetPacketApAutoconfigurationResponse(packet, param,
-                                                                               response_param);
-                     });
+    kestr::Mac to;
+    if (tx_interface != nullptr && !destination(dest_mac, &to))
+        return -1;
+    return response_to(__func__, to, tx_interface, mid, response_param);
 }
 
 int IEEE19051_SendMsgApAutoconfigurationWsc(const char* dest_mac, const char* tx_interface, int mid,
                                             wsc_configuration_t* config) {
-    return send_cmdu(__func__, dest_mac, tx_interface, mid, OnAddressFailure::GoOn,
-                     [&](ieee1905Message_t* packet, const param_t& param) {
-                         return IEEE19051_GetPacketApAutoconfigurationWsc(packet, param, config);
-                     });
+    kestr::Mac to;
+    if (tx_interface != nullptr && !destination(dest_mac, &to))
+        return -1;
+    return wsc_to(__func__, to, tx_interface, mid, config);
 }
 
 int IEEE19051_SendMsgApAutoconfigurationWsc2(const char* dest_mac, const char* tx_interface,
                                              int mid, ieee1905TLV_t* wsctlv) {
-    return send_cmdu(__func__, dest_mac, tx_interface, mid, OnAddressFailure::GoOn,
-                     [&](ieee1905Message_t* packet, const param_t& param) {
-                         return IEEE19051_GetPacketApAutoconfigurationWsc2(packet, param, wsctlv);
-                     });
+    kestr::Mac to;
+    if (tx_interface != nullptr && !destination(dest_mac, &to))
+        return -1;
+    return wsc_tlv_to(__func__, to, tx_interface, mid, wsctlv);
 }
 
 int IEEE19051_GetWscTlv(wsc_configuration_t* config, u_int8_t* tlvbuf, int maxlen) {
@@ -331,7 +388,7 @@ int IEEE19051_GetWscTlv(wsc_configuration_t* config, u_int8_t* tlvbuf, int maxle
 
 int IEEE19051_SendMsgApAutoconfigurationRenew(const char* tx_interface, int mid,
                                               ap_autoconfig_renew_param_t* renew_param) {
-    return send_cmdu(__func__, kIeee1905MulticastMac, tx_interface, mid, OnAddressFailure::GoOn,
+    return send_cmdu(__func__, kMulticast, tx_interface, mid, OnAddressFailure::GoOn,
                      [&](ieee1905Message_t* packet, const param_t& param) {
                          return IEEE19051_GetPacketApAutoconfigurationRenew(packet, param,
                                                                             renew_param);
@@ -341,7 +398,7 @@ int IEEE19051_SendMsgApAutoconfigurationRenew(const char* tx_interface, int mid,
 int IEEE19051_SendMsgTopologyDiscovery(const char* tx_interface, int mid, struct ether_addr almac) {
     // The discovery carries the sending interface's own address in a TLV, so
     // it is worthless without it.
-    return send_cmdu(__func__, kIeee1905MulticastMac, tx_interface, mid, OnAddressFailure::Stop,
+    return send_cmdu(__func__, kMulticast, tx_interface, mid, OnAddressFailure::Stop,
                      [&](ieee1905Message_t* packet, const param_t& param) {
                          return IEEE19051_GetPacketTopologyDiscovery(packet, param, almac);
                      });
@@ -349,7 +406,7 @@ int IEEE19051_SendMsgTopologyDiscovery(const char* tx_interface, int mid, struct
 
 int IEEE19051_SendMsgTopologyNotification(const char* tx_interface, int mid,
                                           struct ether_addr almac) {
-    return send_cmdu(__func__, kIeee1905MulticastMac, tx_interface, mid, OnAddressFailure::GoOn,
+    return send_cmdu(__func__, kMulticast, tx_interface, mid, OnAddressFailure::GoOn,
                      [&](ieee1905Message_t* packet, const param_t& param) {
                          return IEEE19051_GetPacketTopologyNotification(packet, param, almac);
                      });
@@ -359,7 +416,10 @@ int IEEE19051_SendMsgTopologyResponse(const char* da_str, const char* tx_interfa
                                       device_information_t device_info,
                                       ieee1905BridgingCapability_t capability,
                                       neighborDeviceList list) {
-    return send_cmdu(__func__, da_str, tx_interface, mid, OnAddressFailure::GoOn,
+    kestr::Mac to;
+    if (tx_interface != nullptr && !destination(da_str, &to))
+        return -1;
+    return send_cmdu(__func__, to, tx_interface, mid, OnAddressFailure::GoOn,
                      [&](ieee1905Message_t* packet, const param_t& param) {
                          return IEEE19051_GetPacketTopologyResponse(packet, param, device_info,
                                                                     capability, list);
@@ -371,7 +431,10 @@ int IEEE19051_SendMsgTopologyQuery(const char* da_str, const char* tx_interface,
         std::puts("tx_interface == NULL || da_str == NULL");
         return -1;
     }
-    return send_cmdu(__func__, da_str, tx_interface, mid, OnAddressFailure::GoOn,
+    kestr::Mac to;
+    if (tx_interface != nullptr && !destination(da_str, &to))
+        return -1;
+    return send_cmdu(__func__, to, tx_interface, mid, OnAddressFailure::GoOn,
                      [](ieee1905Message_t* packet, const param_t& param) {
                          return IEEE19051_GetPacketTopologyQuery(packet, param);
                      });

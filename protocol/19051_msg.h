@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <functional>
 
+#include "port/common/bytes.h"
+#include "port/util.h"
 #include "protocol/19051_frame.h"
 #include "protocol/19051_protocol.h"
 
@@ -67,13 +69,22 @@ enum class OnAddressFailure { GoOn, Stop };
 // Builds one frame into the zero-filled buffer; its length, or -1.
 using CmduBuilder = std::function<int(ieee1905Message_t* packet, const param_t& param)>;
 
-// The sending pattern every sender follows: check the interface name and the
-// destination text, open the send socket, fill the addressing record from
-// `da_text`, `tx_interface` and `mid`, build into a zero-filled frame, refuse
-// a result that is not positive or exceeds 1514 bytes, send, close. `sender`
-// names the sender in its error lines.
-int send_cmdu(const char* sender, const char* da_text, const char* tx_interface, int mid,
+// The sending pattern every sender follows: check the interface name, open
+// the send socket, fill the addressing record for `da`, `tx_interface` and
+// `mid`, build into a zero-filled frame, refuse a result that is not
+// positive or exceeds 1514 bytes, send, close. `sender` names the sender in
+// its error lines.
+int send_cmdu(const char* sender, const Mac& da, const char* tx_interface, int mid,
               OnAddressFailure on_address_failure, const CmduBuilder& build);
+
+// The AP-autoconfiguration senders for an address the caller holds as a
+// value; the IEEE19051_SendMsg* functions above take it as text.
+int send_response(const Mac& to, const char* tx_interface, int mid,
+                  ap_autoconfig_response_param_t response_param);
+int send_wsc(const Mac& to, const char* tx_interface, int mid, wsc_configuration_t* config);
+// A WSC message around a WSC TLV that is already built (`tlv`: type,
+// length and attributes).
+int send_wsc_tlv(const Mac& to, const char* tx_interface, int mid, ConstBytes tlv);
 
 }  // namespace kestr
 
@@ -84,5 +95,3 @@ int IEEE19051_GetMid(u_int8_t* buf);
 u_int8_t IEEE19051_GetFlags(u_int8_t* buf);
 int IEEE19051_GetEtherSmac(u_int8_t* buf, struct ether_addr* mac);
 int IEEE19051_GetEtherDmac(u_int8_t* buf, struct ether_addr* mac);
-
-uint16_t IEEE19051_MeidaType(ieee1905MediaType_e type, int desc);

@@ -6,59 +6,71 @@
 
 #include "port/common/bytes.h"
 #include "port/common/report.h"
+#include "protocol/19051_view.h"
 
 using kestr::ByteReader;
+using kestr::Tlv;
 
-// An error line in the name of `fn`, for checks shared by several parsers.
-#define KESTR_ERR_IN(fn, ...) \
-    ::kestr::report_line(::kestr::LineKind::Error, KESTR_MODULE, fn, __LINE__, __VA_ARGS__)
-
-namespace {
-
-// The TLVs of one frame's content area, one after the other.
-class TlvWalk {
-  public:
-    explicit TlvWalk(const uint8_t* frame)
-        : rest_(frame + offsetof(ieee1905Message_t, content), kCmduContentLen) {}
-
-    // The next TLV, or null at the end of the list.
-    const uint8_t* next() {
-        ByteReader ahead = rest_;
-        uint8_t type = 0;
-        uint16_t length = 0;
-        if (!ahead.u8(&type) || !ahead.u16(&length))
-            return nullptr;  // header passes the end
-        if (type == IEEE1905_TLV_TYPE_END_OF_MESSAGE && length == 0)
-            return nullptr;
-        if (!ahead.skip(length))
-            return nullptr;  // value passes the end
-        const uint8_t* const tlv = rest_.data();
-        rest_ = ahead;
-        return tlv;
-    }
-
-  private:
-    ByteReader rest_;
-};
-
-// The value of a TLV that the walk handed out: exactly `length` bytes.
-ByteReader value_of(const void* tlv) {
-    const auto* raw = static_cast<const uint8_t*>(tlv);
-    return ByteReader(raw + kTlvHeaderLen, kestr::load_be16(raw + 1));
+bool kestr::TlvReader::next(Tlv* out) {
+    ByteReader ahead = rest_;
+    uint8_t type = 0;
+    ByteReader value;
+    if (!ahead.u8(&type) || !ahead.u16_length_prefixed(&value))
+        return false;  // header or value passes the end
+    if (type == IEEE1905_TLV_TYPE_END_OF_MESSAGE && value.empty())
+        return false;
+    *out = Tlv{type, value};
+    rest_ = ahead;
+    return true;
 }
 
-unsigned length_of(const void* tlv) {
-    return kestr::load_be16(static_cast<const uint8_t*>(tlv) + 1);
-}
-
-// The first `need` value bytes of `tlv`, refused when its length is shorter.
-bool read_value(const void* tlv, void* out, size_t need, const char* fn) {
-    ByteReader value = value_of(tlv);
-    if (!value.bytes(out, need)) {
-        KESTR_ERR_IN(fn, "tlv length %u < %u\n", length_of(tlv), static_cast<unsigned>(need));
+bool kestr::read_tlv_byte(const Tlv& tlv, uint8_t* out, const char* parser) {
+    ByteReader value = tlv.value;
+    if (!value.u8(out)) {
+        KESTR_ERR_IN(parser, "tlv length %u < 1\n", static_cast<unsigned>(tlv.value.remaining()));
         return false;
     }
     return true;
+}
+
+bool kestr::read_tlv_mac(const Tlv& tlv, Mac* out, const char* parser) {
+    ByteReader value = tlv.value;
+    if (!value.bytes(out->octets.data(), out->octets.size())) {
+        KESTR_ERR_IN(parser, "tlv length %u < %u\n", static_cast<unsigned>(tlv.value.remaining()),
+                     static_cast<unsigned>(ETH_ALEN));
+        return false;
+    }
+    return true;
+}
+
+namespace {
+
+// A TLV handed out by IEEE19051_GetTlvByNumber, as a view again: its own
+// length field says how long it is, and the walk made sure it lies inside
+// the frame.
+Tlv tlv_at(const void* tlv) {
+    ByteReader whole = ByteReader::self_delimited(tlv, 1, kTlvHeaderLen);
+    Tlv out;
+    whole.u8(&out.type);
+    whole.u16_length_prefixed(&out.value);
+    return out;
+}
+
+unsigned length_of(const Tlv& tlv) {
+    return static_cast<unsigned>(tlv.value.remaining());
+}
+
+// The walk over a bare frame buffer, which by contract holds a whole frame.
+kestr::TlvReader tlvs_of(const u_int8_t* buf) {
+    return kestr::FrameView(buf, kCmduMaxFrameLen).tlvs();
+}
+
+int one_byte(const void* tlv, u_int8_t* out, const char* parser) {
+    if (tlv == nullptr || out == nullptr) {
+        KESTR_ERR_IN(parser, "tlv == NULL || role == NULL\n");
+        return -1;
+    }
+    return kestr::read_tlv_byte(tlv_at(tlv), out, parser) ? 0 : -1;
 }
 
 }  // namespace
@@ -66,9 +78,10 @@ bool read_value(const void* tlv, void* out, size_t need, const char* fn) {
 int IEEE19051_GetTlvTotalNumber(u_int8_t* buf) {
     if (buf == nullptr)
         return -1;
-    TlvWalk walk(buf);
+    kestr::TlvReader walk = tlvs_of(buf);
+    Tlv tlv;
     int count = 0;
-    while (walk.next() != nullptr)
+    while (walk.next(&tlv))
         ++count;
     return count;
 }
@@ -76,72 +89,34 @@ int IEEE19051_GetTlvTotalNumber(u_int8_t* buf) {
 u_int8_t* IEEE19051_GetTlvByNumber(const u_int8_t* buf, const int num) {
     if (buf == nullptr || num < 0)
         return nullptr;
-    TlvWalk walk(buf);
+    kestr::TlvReader walk = tlvs_of(buf);
+    Tlv tlv;
     for (int position = 0;; ++position) {
-        const uint8_t* tlv = walk.next();
-        if (tlv == nullptr || position == num)
-            return const_cast<u_int8_t*>(tlv);
+        const ByteReader start = walk.rest();
+        if (!walk.next(&tlv))
+            return nullptr;
+        if (position == num)
+            return const_cast<u_int8_t*>(start.data());
     }
-}
-
-int kestr::end_tlvs_at_received(uint8_t* frame, int received) {
-    constexpr int kContentAt = offsetof(ieee1905Message_t, content);
-    if (frame == nullptr || received < kContentAt || received > kCmduMaxFrameLen)
-        return -1;
-    std::memset(frame + received, 0, static_cast<size_t>(kCmduMaxFrameLen - received));
-    ByteReader rest(frame + kContentAt, static_cast<size_t>(received - kContentAt));
-    int count = 0;
-    for (;;) {
-        ByteReader ahead = rest;
-        uint8_t type = 0;
-        uint16_t length = 0;
-        if (ahead.remaining() == 0)
-            return count;  // the cleared bytes after the frame end the list
-        if (!ahead.u8(&type) || !ahead.u16(&length) || !ahead.skip(length))
-            break;
-        if (type == IEEE1905_TLV_TYPE_END_OF_MESSAGE && length == 0)
-            return count;
-        rest = ahead;
-        ++count;
-    }
-    const size_t cut = static_cast<size_t>(rest.data() - frame);
-    std::memset(frame + cut, 0, static_cast<size_t>(kCmduMaxFrameLen) - cut);
-    return count;
 }
 
 int IEEE19051_ParseTlvSearchedRole(const ieee1905APAutoConfigSearchedRoleTLV_t* tlv,
                                    u_int8_t* role) {
-    if (tlv == nullptr || role == nullptr) {
-        KESTR_ERR("tlv == NULL || role == NULL\n");
-        return -1;
-    }
-    return read_value(tlv, role, 1, __func__) ? 0 : -1;
+    return one_byte(tlv, role, __func__);
 }
 
 int IEEE19051_ParseTlvFreqBand(const ieee1905APAutoConfigFreqBandTLV_t* tlv, u_int8_t* freqBand) {
-    if (tlv == nullptr || freqBand == nullptr) {
-        KESTR_ERR("tlv == NULL || role == NULL\n");
-        return -1;
-    }
-    return read_value(tlv, freqBand, 1, __func__) ? 0 : -1;
+    return one_byte(tlv, freqBand, __func__);
 }
 
 int IEEE19051_ParseTlvSupportedRole(const ieee1905APAutoConfigSupportedRoleTLV_t* tlv,
                                     u_int8_t* role) {
-    if (tlv == nullptr || role == nullptr) {
-        KESTR_ERR("tlv == NULL || role == NULL\n");
-        return -1;
-    }
-    return read_value(tlv, role, 1, __func__) ? 0 : -1;
+    return one_byte(tlv, role, __func__);
 }
 
 int IEEE19051_ParseTlvSupportedFreqBand(const ieee1905APAutoConfigSupportedFreqBandTLV_t* tlv,
                                         u_int8_t* freqBand) {
-    if (tlv == nullptr || freqBand == nullptr) {
-        KESTR_ERR("tlv == NULL || role == NULL\n");
-        return -1;
-    }
-    return read_value(tlv, freqBand, 1, __func__) ? 0 : -1;
+    return one_byte(tlv, freqBand, __func__);
 }
 
 int IEEE19051_ParseTlvSingleAddr(const ieee1905SingleAddressTLV_t* tlv, struct ether_addr* mac) {
@@ -149,7 +124,11 @@ int IEEE19051_ParseTlvSingleAddr(const ieee1905SingleAddressTLV_t* tlv, struct e
         KESTR_ERR("tlv == NULL || mac == NULL\n");
         return -1;
     }
-    return read_value(tlv, mac->ether_addr_octet, ETH_ALEN, __func__) ? 0 : -1;
+    kestr::Mac read;
+    if (!kestr::read_tlv_mac(tlv_at(tlv), &read, __func__))
+        return -1;
+    *mac = read.ether();
+    return 0;
 }
 
 int IEEE19051_ParseTlvVendorSpecific(const ieee1905VendorSpecificHeaderTLV_t* tlv, u_int8_t* oui,
@@ -162,15 +141,15 @@ int IEEE19051_ParseTlvVendorSpecific(const ieee1905VendorSpecificHeaderTLV_t* tl
         KESTR_ERR("val == NULL || val_len == NULL\n");
         return -1;
     }
-    ByteReader value = value_of(tlv);
+    ByteReader value = tlv_at(tlv).value;
     if (value.remaining() < sizeof kVendorOui) {
-        KESTR_ERR("tlv length %u < 3\n", length_of(tlv));
+        KESTR_ERR("tlv length %u < 3\n", length_of(tlv_at(tlv)));
         return -1;
     }
     // No vendor TLV of a received CMDU is longer; a longer one would overrun
     // any `val` sized for a CMDU.
     if (value.remaining() > sizeof kVendorOui + kVendorValueMax) {
-        KESTR_ERR("tlv length %u > %d\n", length_of(tlv),
+        KESTR_ERR("tlv length %u > %d\n", length_of(tlv_at(tlv)),
                   static_cast<int>(sizeof kVendorOui) + kVendorValueMax);
         return -1;
     }
@@ -192,9 +171,9 @@ int IEEE19051_ParseTlvDeviceInformation(const ieee1905DeviceInformationTLV_t* tl
         KESTR_ERR("almac == NULL\n");
         return -1;
     }
-    ByteReader value = value_of(tlv);
+    ByteReader value = tlv_at(tlv).value;
     if (value.remaining() < ETH_ALEN + 1) {
-        KESTR_ERR("tlv length %u < 7\n", length_of(tlv));
+        KESTR_ERR("tlv length %u < 7\n", length_of(tlv_at(tlv)));
         return -1;
     }
     uint8_t num = 0;
@@ -240,10 +219,10 @@ int IEEE19051_ParseTlvDeviceBridgingCapability(const ieee1905DeviceBridgingCapab
         KESTR_ERR("tlv == NULL || capability == NULL\n");
         return -1;
     }
-    ByteReader value = value_of(tlv);
+    ByteReader value = tlv_at(tlv).value;
     uint8_t m = 0;
     if (!value.u8(&m)) {
-        KESTR_ERR("tlv length %u < 1\n", length_of(tlv));
+        KESTR_ERR("tlv length %u < 1\n", length_of(tlv_at(tlv)));
         return -1;
     }
     if (m > BRIDGING_TUPLE_MAX) {
@@ -283,7 +262,7 @@ int IEEE19051_ParseTlvLegacyNeighbor(const ieee1905NeighborDeviceListTLV_t* tlv,
         return -1;
     }
     constexpr unsigned kEntry = 2 * ETH_ALEN;
-    ByteReader value = value_of(tlv);
+    ByteReader value = tlv_at(tlv).value;
     const size_t num = value.remaining() / kEntry;  // a partial entry at the end is ignored
     list->num = static_cast<uint8_t>(std::min<size_t>(num, 255));
     if (num > NEIGHBOR_DEVICE_LIST_MAX) {

@@ -1,11 +1,12 @@
 // Reading a received CMDU TLV by TLV.
 //
-// `buf` is a received frame (first byte = first byte of the Ethernet header)
-// in a buffer of at least 1514 bytes; its TLVs start at offset 22. The list
-// ends at the first TLV whose three header bytes are zero. It also ends at a
-// TLV whose header or value would pass the end of the 1492-byte content area:
+// `buf` is a frame (first byte = first byte of the Ethernet header) in a
+// buffer of at least 1514 bytes; its TLVs start at offset 22. The list ends
+// at the first TLV whose three header bytes are zero. It also ends at a TLV
+// whose header or value would pass the end of the 1492-byte content area:
 // such a TLV is neither counted nor returned, so every TLV handed out lies
-// wholly inside the frame buffer.
+// wholly inside the frame buffer. Code that knows how many bytes arrived
+// walks a kestr::FrameView instead, which also stops at that length.
 //
 // The parsers take a TLV as IEEE19051_GetTlvByNumber returns it and read no
 // byte beyond the length in its header; a TLV whose length is shorter than
@@ -16,6 +17,7 @@
 #include <sys/types.h>
 
 #include "protocol/19051_protocol.h"
+#include "protocol/19051_view.h"
 
 // Number of TLVs before the end of the list; -1 for a null buffer.
 int IEEE19051_GetTlvTotalNumber(u_int8_t* buf);
@@ -49,12 +51,9 @@ int IEEE19051_ParseTlvLegacyNeighbor(const ieee1905NeighborDeviceListTLV_t* tlv,
                                      neighborDeviceList* list);
 
 namespace kestr {
-// Readies a frame of `received` bytes, read into a buffer of at least 1514
-// bytes, for the walk above, which knows only the buffer: everything after
-// the received bytes is cleared, and the TLV list is ended (cleared from its
-// first byte on) before the first TLV whose header or value would run past
-// them. A TLV that claims bytes that never arrived is thus neither counted
-// nor handed out, just as one that would pass the content area. Returns the
-// number of TLVs left, or -1 for a null frame or a length outside 22..1514.
-int end_tlvs_at_received(uint8_t* frame, int received);
+// The value byte of a one-byte TLV, and the address of an address TLV. A
+// TLV whose value is shorter is refused with an error line in the name of
+// `parser`, the parser function the caller stands in for.
+bool read_tlv_byte(const Tlv& tlv, uint8_t* out, const char* parser);
+bool read_tlv_mac(const Tlv& tlv, Mac* out, const char* parser);
 }  // namespace kestr

@@ -6,6 +6,7 @@
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "port/common/bytes.h"
@@ -16,11 +17,11 @@
 
 namespace {
 
-constexpr int kIvLen = 16;
+constexpr size_t kIvLen = 16;
 constexpr int kAuthLen = 8;                                 // KWA and Authenticator
 constexpr int kAuthAttrLen = kWscAttrHeaderLen + kAuthLen;  // 12
 constexpr int kPlainWorkLen = 1024;
-constexpr int kAuthInputMax = 10240;  // M1 and M2 together, far above two CMDUs
+constexpr size_t kAuthInputMax = 10240;  // M1 and M2 together, far above two CMDUs
 
 // Each known attribute and the parser of its field, by the width of its value.
 using Parser = int (*)(u_int8_t*, wsc_configuration_t*);
@@ -87,16 +88,23 @@ bool same_authenticator(const u_int8_t* digest, const u_int8_t* received) {
 
 }  // namespace
 
+void kestr::read_wsc_attributes(ByteReader attributes, wsc_configuration_t* config) {
+    kestr::wsc::AttributeWalk walk(attributes.data(), attributes.remaining());
+    kestr::wsc::Attribute a;
+    while (walk.next(&a))
+        dispatch(a, config);
+}
+
 int IEEE19051_ParseTlvWsc(ieee1905TLV_t* tlv, wsc_configuration_t* wsc_config) {
     if (tlv == nullptr || wsc_config == nullptr) {
         KESTR_ERR("tlv == NULL || wsc_config == NULL\n");
         return -1;
     }
-    const auto* p = reinterpret_cast<const u_int8_t*>(tlv);
-    kestr::wsc::AttributeWalk walk(p + kTlvHeaderLen, kestr::load_be16(p + 1));
-    kestr::wsc::Attribute a;
-    while (walk.next(&a))
-        dispatch(a, wsc_config);
+    kestr::ByteReader whole = kestr::ByteReader::self_delimited(tlv, 1, kTlvHeaderLen);
+    kestr::ByteReader attributes;
+    whole.skip(1);
+    whole.u16_length_prefixed(&attributes);
+    kestr::read_wsc_attributes(attributes, wsc_config);
     return 0;
 }
 
@@ -106,7 +114,26 @@ int IEEE19051_ParseTlvWscEncryptedSettings(wsc_configuration_t* wsc_config, DH* 
                                            int m1len, u_int8_t* m2, int m2len) {
     if (wsc_config == nullptr || DHSecret == nullptr || settings == nullptr)
         return -1;
-    const wsc_configuration_t& c = *wsc_config;
+    kestr::Mac enrollee;
+    if (enrolle_mac != nullptr)
+        kestr::ByteReader(enrolle_mac, enrollee.octets.size())
+            .bytes(enrollee.octets.data(), enrollee.octets.size());
+    // Lengths beyond what the Authenticator could cover are refused whole.
+    const auto view = [](const u_int8_t* p, int len) {
+        return p != nullptr && len >= 0 && static_cast<size_t>(len) <= kAuthInputMax
+                   ? kestr::ByteReader(p, static_cast<size_t>(len))
+                   : kestr::ByteReader();
+    };
+    return kestr::IEEE19051_ParseTlvWscEncryptedSettings(*wsc_config, DHSecret, enrollee, settings,
+                                                         view(m1, m1len), view(m2, m2len));
+}
+
+int kestr::IEEE19051_ParseTlvWscEncryptedSettings(const wsc_configuration_t& c, DH* DHSecret,
+                                                  const Mac& enrollee,
+                                                  wsc_encrypted_settings_t* settings,
+                                                  ByteReader m1_bytes, ByteReader m2_bytes) {
+    if (DHSecret == nullptr || settings == nullptr)
+        return -1;
     if (c.registrar_nonce.valid != 1 || c.enrollee_nonce.valid != 1 || c.public_key.valid != 1 ||
         c.encrypted_settings.valid != 1) {
         KESTR_ERR("pararm invalid\n");
@@ -114,25 +141,27 @@ int IEEE19051_ParseTlvWscEncryptedSettings(wsc_configuration_t* wsc_config, DH* 
     }
 
     wps_keys_t keys;
-    kestr::WipeOnExit wipe_keys(&keys, sizeof keys);
+    WipeOnExit wipe_keys(&keys, sizeof keys);
+    u_int8_t enrollee_mac[ETH_ALEN];
+    std::memcpy(enrollee_mac, enrollee.octets.data(), sizeof enrollee_mac);
     if (get_keys(const_cast<u_int8_t*>(c.public_key.val), DHSecret,
                  const_cast<u_int8_t*>(c.enrollee_nonce.val),
-                 const_cast<u_int8_t*>(c.registrar_nonce.val), enrolle_mac, &keys) != 0) {
+                 const_cast<u_int8_t*>(c.registrar_nonce.val), enrollee_mac, &keys) != 0) {
         KESTR_ERR("get_keys error\n");
         return -1;
     }
 
     // IV and at least one block of ciphertext.
-    const int sealed_len = c.encrypted_settings.valid_len;
-    if (sealed_len < kIvLen + 16 ||
-        sealed_len > static_cast<int>(sizeof c.encrypted_settings.val)) {
+    ByteReader sealed(c.encrypted_settings.val, std::min<size_t>(c.encrypted_settings.valid_len,
+                                                                 sizeof c.encrypted_settings.val));
+    u_int8_t iv[kIvLen];
+    if (sealed.remaining() < kIvLen + 16 || !sealed.bytes(iv, sizeof iv))
         return -1;
-    }
-    kestr::SecretBytes<kPlainWorkLen> plain;
+    SecretBytes<kPlainWorkLen> plain;
     int plain_len = -1;
-    reg_proto_decrypt_data(const_cast<u_int8_t*>(c.encrypted_settings.val) + kIvLen,
-                           sealed_len - kIvLen, const_cast<u_int8_t*>(c.encrypted_settings.val),
-                           keys.keyWrapKey, keys.authKey, plain.data(), &plain_len);
+    reg_proto_decrypt_data(const_cast<u_int8_t*>(sealed.data()),
+                           static_cast<int>(sealed.remaining()), iv, keys.keyWrapKey, keys.authKey,
+                           plain.data(), &plain_len);
     if (plain_len < 0)
         return -1;
 
@@ -145,7 +174,7 @@ int IEEE19051_ParseTlvWscEncryptedSettings(wsc_configuration_t* wsc_config, DH* 
         return -1;
     };
 
-    kestr::SecretBytes<32> digest;
+    SecretBytes<32> digest;
     if (plain_len < kAuthAttrLen)
         return reject();
     hmac_sha256(keys.authKey, sizeof keys.authKey, plain.data(),
@@ -156,11 +185,11 @@ int IEEE19051_ParseTlvWscEncryptedSettings(wsc_configuration_t* wsc_config, DH* 
     }
 
     // The Authenticator covers M1 as sent and M2 up to its own attribute.
-    const bool lengths_ok = m1 != nullptr && m2 != nullptr && m1len >= 0 && m2len >= kAuthAttrLen &&
-                            m1len <= kAuthInputMax && m2len <= kAuthInputMax - m1len;
+    const bool lengths_ok = m2_bytes.remaining() >= static_cast<size_t>(kAuthAttrLen) &&
+                            m1_bytes.remaining() + m2_bytes.remaining() <= kAuthInputMax;
     if (!lengths_ok || !present(c.authenticator) ||
-        !kestr::hmac_sha256_two(keys.authKey, sizeof keys.authKey, m1, static_cast<size_t>(m1len),
-                                m2, static_cast<size_t>(m2len - kAuthAttrLen), digest.data()) ||
+        !hmac_sha256_two(keys.authKey, sizeof keys.authKey, m1_bytes.data(), m1_bytes.remaining(),
+                         m2_bytes.data(), m2_bytes.remaining() - kAuthAttrLen, digest.data()) ||
         !same_authenticator(digest.data(), c.authenticator.val)) {
         KESTR_ERR("hmac value of Authenticator mismatched!\n");
         return reject();

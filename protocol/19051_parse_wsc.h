@@ -5,6 +5,8 @@
 #include <openssl/types.h>
 #include <sys/types.h>
 
+#include "port/common/bytes.h"
+#include "port/util.h"
 #include "protocol/19051_frame.h"
 #include "wsc/wsc.h"
 
@@ -14,6 +16,11 @@
 // attributes are skipped, a malformed known one is left absent, and of a
 // repeated attribute the last good one counts. 0; -1 for a null argument.
 int IEEE19051_ParseTlvWsc(ieee1905TLV_t* tlv, wsc_configuration_t* wsc_config);
+
+namespace kestr {
+// The same for the attribute bytes of a WSC TLV.
+void read_wsc_attributes(ByteReader attributes, wsc_configuration_t* config);
+}  // namespace kestr
 
 // The enrollee's opening of M2: derives the keys from the registrar's public
 // key, the enrollee's own key pair `DHSecret`, both nonces of M2 and
@@ -27,3 +34,10 @@ int IEEE19051_ParseTlvWscEncryptedSettings(wsc_configuration_t* wsc_config, DH* 
                                            u_int8_t* enrolle_mac,
                                            wsc_encrypted_settings_t* settings, u_int8_t* m1,
                                            int m1len, u_int8_t* m2, int m2len);
+
+namespace kestr {
+// The same for a record read from the M2 and views of both messages.
+int IEEE19051_ParseTlvWscEncryptedSettings(const wsc_configuration_t& m2, DH* DHSecret,
+                                           const Mac& enrollee, wsc_encrypted_settings_t* settings,
+                                           ByteReader m1_bytes, ByteReader m2_bytes);
+}  // namespace kestr

@@ -4,7 +4,6 @@
 
 #include "port/common/bytes.h"
 #include "port/util.h"
-#include "protocol/19051_msg.h"
 
 using kestr::ByteWriter;
 

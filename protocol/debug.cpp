@@ -96,6 +96,10 @@ void print_packet(u_int8_t* buf, int len) {
     emit(hex_line(buf, len));
 }
 
+void print_packet(kestr::ConstBytes bytes) {
+    emit(hex_line(bytes.data(), static_cast<int>(bytes.size())));
+}
+
 void hexdump(FILE* f, const char* title, const unsigned char* s, int l) {
     if (f == nullptr)
         return;

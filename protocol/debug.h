@@ -15,11 +15,13 @@
 
 #include <cstdio>
 
+#include "port/common/bytes.h"
 #include "protocol/19051_protocol.h"
 #include "wsc/wsc.h"
 
 // `len` bytes as " %02x" each, then a line feed.
 void print_packet(u_int8_t* buf, int len);
+void print_packet(kestr::ConstBytes bytes);
 // `title`, then `l` bytes, 16 to a line, each line led by "\n%04x" (offset).
 void hexdump(FILE* f, const char* title, const unsigned char* s, int l);
 // "mac:" and the address in the program's MAC text form.

@@ -13,7 +13,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
+#include "port/common/bytes.h"
 #include "protocol/19051_frame.h"
 
 // ------------------------------------------------------------------ records
@@ -149,6 +151,8 @@ typedef struct {
 #pragma pack(pop)
 
 constexpr int kWscAttrHeaderLen = 4;
+// The Version attribute of every message kestrd sends.
+constexpr u_int8_t kWscVersion = 0x10;
 
 // Attribute identifiers the daemon reads or writes.
 enum : u_int16_t {
@@ -202,6 +206,28 @@ int get_wsc_tlv_total(u_int8_t* buf, u_int16_t buflen);
 u_int8_t* get_wsc_tlv_by_number(u_int8_t* buf, u_int16_t buflen, const int num);
 
 namespace kestr::wsc {
+
+// Setting attributes of a record; each marks the attribute present.
+template <typename Record, typename Value>
+void set(Record* r, Value v) {
+    r->val = v;
+    r->valid = 1;
+}
+// A byte string, cut to what the record holds.
+template <typename Record>
+void set_bytes(Record* r, ConstBytes v) {
+    const size_t n = v.size() < sizeof r->val ? v.size() : sizeof r->val;
+    if (n != 0)
+        std::memcpy(r->val, v.data(), n);
+    r->valid_len = static_cast<u_int16_t>(n);
+    r->valid = 1;
+}
+// The record's first `len` bytes, already in place (cut to what it holds).
+template <typename Record>
+void set_length(Record* r, size_t len) {
+    r->valid_len = static_cast<u_int16_t>(len < sizeof r->val ? len : sizeof r->val);
+    r->valid = 1;
+}
 
 struct Attribute {
     u_int16_t type;

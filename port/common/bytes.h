@@ -1,15 +1,64 @@
-// Bounded readers and writers for everything kestrd puts on or takes off the
-// wire. Every encoder and decoder of frames, TLVs, WSC attributes and
-// database requests goes through these two classes, so a length taken from
-// the network can never move a pointer outside the bytes that were received
-// or the storage that was provided.
+// Bounded views over memory, and the readers and writers for everything
+// kestrd puts on or takes off the wire. Every encoder and decoder of frames,
+// TLVs, WSC attributes and database requests goes through these classes, so
+// a length taken from the network can never move a pointer outside the bytes
+// that were received or the storage that was provided. This is the one file
+// of kestrd that offsets raw pointers; everything else asks a view.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 namespace kestr {
+
+// `size()` objects at `data()`, like a C++20 std::span. Sub-views are
+// clamped to the view: asking for more than it holds yields what it holds.
+template <typename T>
+class Span {
+  public:
+    constexpr Span() = default;
+    constexpr Span(T* data, size_t size) : p_(data), n_(data == nullptr ? 0 : size) {}
+    template <size_t N>
+    constexpr Span(T (&array)[N]) : p_(array), n_(N) {}  // NOLINT: a view of the array
+    // A view of mutable objects is a view of const ones too.
+    template <typename U>
+    constexpr Span(Span<U> other) : p_(other.data()), n_(other.size()) {}  // NOLINT
+
+    constexpr T* data() const { return p_; }
+    constexpr size_t size() const { return n_; }
+    constexpr bool empty() const { return n_ == 0; }
+    constexpr T* begin() const { return p_; }
+    constexpr T* end() const { return p_ + n_; }
+    T& operator[](size_t i) const {
+        assert(i < n_);
+        return p_[i];
+    }
+
+    // From `offset` on, at most `len` objects.
+    constexpr Span subspan(size_t offset, size_t len = SIZE_MAX) const {
+        if (offset > n_)
+            offset = n_;
+        const size_t left = n_ - offset;
+        return Span(p_ + offset, len < left ? len : left);
+    }
+    constexpr Span first(size_t len) const { return subspan(0, len); }
+
+  private:
+    T* p_ = nullptr;
+    size_t n_ = 0;
+};
+
+using ConstBytes = Span<const uint8_t>;
+
+// The object of type Outer whose member at `offset` (offsetof) is `member`:
+// how an intrusive list gets from a link back to the record that holds it.
+template <typename Outer, typename Member>
+Outer* outer_of(Member* member, size_t offset) {
+    return reinterpret_cast<Outer*>(reinterpret_cast<char*>(member) - offset);
+}
+using MutableBytes = Span<uint8_t>;
 
 constexpr uint16_t load_be16(const uint8_t* p) {
     return static_cast<uint16_t>((static_cast<uint16_t>(p[0]) << 8) | p[1]);
@@ -97,6 +146,24 @@ class ByteReader {
         advance(2);
         return sub(len, out);
     }
+    // The bytes from `offset` on, without moving this reader (a header field
+    // at a fixed place); empty when the reader is shorter.
+    ByteReader from(size_t offset) const {
+        return offset <= n_ ? ByteReader(p_ + offset, n_ - offset) : ByteReader();
+    }
+    ConstBytes bytes_view() const { return ConstBytes(p_, n_); }
+
+    // A record that says its own length: a header of `header_len` bytes with
+    // a 16-bit big-endian value length at `length_at`, then the value. The
+    // record must already be known to lie in readable memory of that length
+    // (a TLV or attribute handed out by a bounded walk): this is how a bare
+    // pointer from such a walk becomes a view again.
+    static ByteReader self_delimited(const void* record, size_t length_at, size_t header_len) {
+        if (record == nullptr)
+            return ByteReader();
+        const auto* p = static_cast<const uint8_t*>(record);
+        return ByteReader(p, header_len + load_be16(p + length_at));
+    }
 
   private:
     void advance(size_t k) {
@@ -114,11 +181,14 @@ class ByteWriter {
   public:
     ByteWriter(void* data, size_t capacity)
         : p_(static_cast<uint8_t*>(data)), cap_(data == nullptr ? 0 : capacity) {}
+    explicit ByteWriter(MutableBytes out) : ByteWriter(out.data(), out.size()) {}
 
     bool ok() const { return !failed_; }
     size_t size() const { return len_; }
     size_t room() const { return failed_ ? 0 : cap_ - len_; }
     uint8_t* data() const { return p_; }
+    // What has been written so far.
+    ConstBytes written() const { return ConstBytes(p_, len_); }
 
     ByteWriter& u8(uint8_t v) { return put(&v, 1); }
     ByteWriter& u16(uint16_t v) {
@@ -132,6 +202,7 @@ class ByteWriter {
         return put(b, 4);
     }
     ByteWriter& bytes(const void* src, size_t len) { return put(src, len); }
+    ByteWriter& bytes(ConstBytes src) { return put(src.data(), src.size()); }
     ByteWriter& zeros(size_t len) {
         if (!reserve(len))
             return *this;

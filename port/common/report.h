@@ -44,5 +44,9 @@ void report_line(LineKind kind, std::string_view module, const char* function, i
 // KESTR_ERR("role is not RoleTypeRegistrar\n"); KESTR_INFO("sendM1\n");
 #define KESTR_ERR(...) \
     ::kestr::report_line(::kestr::LineKind::Error, KESTR_MODULE, __func__, __LINE__, __VA_ARGS__)
+// An error line in the name of function `fn`, for code that reports on
+// behalf of the function it stands in for.
+#define KESTR_ERR_IN(fn, ...) \
+    ::kestr::report_line(::kestr::LineKind::Error, KESTR_MODULE, fn, __LINE__, __VA_ARGS__)
 #define KESTR_INFO(...) \
     ::kestr::report_line(::kestr::LineKind::Progress, KESTR_MODULE, __func__, __LINE__, __VA_ARGS__)

@@ -12,7 +12,10 @@
 #include <vector>
 
 #include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_enrollee.h"
+#include "daemon/kestrd_registrar.h"
 #include "daemon/kestrd_request_list.h"
+#include "daemon/kestrd_run.h"
 #include "port/19051_port.h"
 #include "port/common/bytes.h"
 #include "port/util.h"
@@ -71,7 +74,8 @@ struct Opened {
 std::optional<Opened> answer(kestr::test::PeerPort& peer, M1Maker& e, Bytes frame) {
     frame.resize(kCmduMaxFrameLen, 0);
     int rc = 0;
-    kestr::test::capture_output([&] { rc = msgApcloneProcesM1(9, frame.data(), 0); });
+    kestr::test::capture_output(
+        [&] { rc = msgApcloneProcesM1(9, frame.data(), static_cast<int>(frame.size())); });
     if (rc != 0)
         return std::nullopt;
     auto got = peer.receive(3000ms);
@@ -191,7 +195,7 @@ class Enrollee : public kestr::test::DeviceTest {
         ASSERT_EQ(IEEE19051_GetRequestRecordInfoByEnrolleeNonce(m1_.enrollee_nonce.val, 9, peer_mac,
                                                                 &request),
                   0);
-        dh_ = static_cast<RequestExtraDataM1_t*>(request.extraData)->dh;
+        dh_ = static_cast<RequestExtraDataM1_t*>(request.extraData)->dh.get();
     }
 
     // The registrar's M2 for the kept M1, varied by `edit` and authenticated

@@ -7,12 +7,19 @@
 #include <vector>
 
 #include "port/common/bytes.h"
+#include "port/util.h"
 #include "protocol/19051_frame.h"
 #include "protocol/19051_parse.h"
 #include "protocol/19051_parse_wsc.h"
 #include "wsc/wsc.h"
 
 namespace kestr::test {
+
+inline Mac mac_of(const char* text) {
+    struct ether_addr a {};
+    mac_str_to_etheraddr(text, &a);
+    return Mac::of(a);
+}
 
 // The WSC TLV of a received frame (1514 bytes, zero after what arrived),
 // read into `config`; null when the frame holds none.

@@ -42,7 +42,8 @@
 #include <string>
 #include <vector>
 
-#include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_enrollee.h"
+#include "daemon/kestrd_registrar.h"
 #include "port/19051_port.h"
 #include "port/common/unique_fd.h"
 #include "port/util.h"

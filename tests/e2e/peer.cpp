@@ -25,7 +25,8 @@
 #include <string>
 #include <thread>
 
-#include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_enrollee.h"
+#include "daemon/kestrd_registrar.h"
 #include "port/19051_port.h"
 #include "port/util.h"
 #include "protocol/19051_msg.h"
@@ -62,14 +63,14 @@ char g_br0[] = "br0";
 // Sends one CMDU of `type` to `to`: the header, then what `content` writes.
 int send_crafted(const std::string& to, int type, int mid,
                  const std::function<void(kestr::ByteWriter&)>& content) {
-    return kestr::send_cmdu("peer", to.c_str(), g_br0, mid, kestr::OnAddressFailure::Stop,
-                            [&](ieee1905Message_t* packet, const param_t& param) {
-                                kestr::ByteWriter w(packet, sizeof *packet);
-                                put_header(w, param.da.ether_addr_octet, param.sa.ether_addr_octet,
-                                           type, param.mid);
-                                content(w);
-                                return w.ok() ? static_cast<int>(w.size()) : -1;
-                            });
+    return kestr::send_cmdu(
+        "peer", kestr::test::mac_of(to.c_str()), g_br0, mid, kestr::OnAddressFailure::Stop,
+        [&](ieee1905Message_t* packet, const param_t& param) {
+            kestr::ByteWriter w(packet, sizeof *packet);
+            put_header(w, param.da.ether_addr_octet, param.sa.ether_addr_octet, type, param.mid);
+            content(w);
+            return w.ok() ? static_cast<int>(w.size()) : -1;
+        });
 }
 
 // Answers an M1 with an M2 sealed by the registrar's own code, then spoils it
@@ -98,7 +99,7 @@ void answer_m1(const Options& o, u_int8_t* frame) {
         std::this_thread::sleep_for(std::chrono::milliseconds(o.m2_delay_ms));
     }
     for (int i = 0; i < (o.m2 == "replay" ? 2 : 1); ++i) {
-        kestr::send_cmdu("peer", to, g_br0, mid, kestr::OnAddressFailure::Stop,
+        kestr::send_cmdu("peer", kestr::test::mac_of(to), g_br0, mid, kestr::OnAddressFailure::Stop,
                          [&](ieee1905Message_t* packet, const param_t& param) {
                              const int n =
                                  IEEE19051_GetPacketApAutoconfigurationWsc(packet, param, &m2);
@@ -285,7 +286,8 @@ int m1_flood(int count, const std::string& to, const std::string& ssid24,
     const auto start = std::chrono::steady_clock::now();
     for (const auto& [tlv, frame_len] : burst) {
         const int rc = kestr::send_cmdu(
-            "peer", to.c_str(), g_br0, IEEE19051_GenMid(), kestr::OnAddressFailure::Stop,
+            "peer", kestr::test::mac_of(to.c_str()), g_br0, IEEE19051_GenMid(),
+            kestr::OnAddressFailure::Stop,
             [&, &tlv = tlv, frame_len = frame_len](ieee1905Message_t* packet, const param_t& p) {
                 kestr::ByteWriter w(packet, sizeof *packet);
                 put_header(w, p.da.ether_addr_octet, p.sa.ether_addr_octet, 9, p.mid)
@@ -310,7 +312,7 @@ int m1_flood(int count, const std::string& to, const std::string& ssid24,
             continue;
         }
         idle = 0;
-        kestr::end_tlvs_at_received(frame, n);
+        std::memset(frame + n, 0, sizeof frame - static_cast<size_t>(n));
         if (IEEE19051_GetType(frame) != IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_WSC)
             continue;
         take_m2(frame, m1s, malformed, ssid24, ssid5, &t);

@@ -23,6 +23,9 @@
 #include <vector>
 
 #include "daemon/kestrd_apclone.h"
+#include "daemon/kestrd_enrollee.h"
+#include "daemon/kestrd_registrar.h"
+#include "daemon/kestrd_run.h"
 #include "port/util.h"
 #include "protocol/19051_msg.h"
 #include "protocol/19051_parse_wsc.h"

@@ -93,10 +93,14 @@ int reg_proto_generate_dhkeypair(DH** DHKeyPair) {
     return 0;
 }
 
+void kestr::DhFree::operator()(DH* dh) const {
+    DH_free(dh);  // frees p and g, and wipes the private key
+}
+
 void reg_proto_delete_dhkeypair(DH** DHKeyPair) {
-    if (DHKeyPair == nullptr || *DHKeyPair == nullptr)
+    if (DHKeyPair == nullptr)
         return;
-    DH_free(*DHKeyPair);  // frees p and g, and wipes the private key
+    kestr::DhKeyPair doomed(*DHKeyPair);
     *DHKeyPair = nullptr;
 }
 

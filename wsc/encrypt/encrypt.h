@@ -11,12 +11,15 @@
 //   KDF(KDK, "Wi-Fi Easy and Secure Key Derivation", 640 bits)
 //         = AuthKey (32) || KeyWrapKey (16) || EMSK (32)
 //
-// A key pair (`DH*`) belongs to whoever made it and is released with
-// reg_proto_delete_dhkeypair; the library wipes the private key then.
+// A key pair belongs to whoever made it: typed code holds it in a
+// kestr::DhKeyPair; the release goes through the crypto library, which wipes
+// the private key then.
 #pragma once
 
 #include <openssl/types.h>
 #include <sys/types.h>
+
+#include <memory>
 
 #include "wsc/encrypt/buffobj.h"
 
@@ -71,3 +74,19 @@ void reg_proto_encrypt_data(u_int8_t* plainText, int plainText_len, u_int8_t* en
 void reg_proto_decrypt_data(u_int8_t* cipherText, int cipherText_len, u_int8_t* iv,
                             u_int8_t* encrKey, u_int8_t* authKey, u_int8_t* plainText,
                             int* plainText_len);
+
+namespace kestr {
+
+// Frees a key pair; the one place in kestrd that does.
+struct DhFree {
+    void operator()(DH* dh) const;
+};
+using DhKeyPair = std::unique_ptr<DH, DhFree>;
+
+// A new key pair for one registration, its public value exported into
+// `public_key`. Null when no pair could be made. The public value stays as
+// the caller left it (zeros) when it could not be exported; a message that
+// carries it then cannot be opened by the peer.
+DhKeyPair new_key_pair(uint8_t (&public_key)[kDhPublicKeyLen]);
+
+}  // namespace kestr

@@ -32,3 +32,9 @@ int generatePublicKey(u_int8_t* key, int keylen, DH** enrolle_DHSecret) {
     }
     return 0;
 }
+
+kestr::DhKeyPair kestr::new_key_pair(uint8_t (&public_key)[kDhPublicKeyLen]) {
+    DH* made = nullptr;
+    generatePublicKey(public_key, kDhPublicKeyLen, &made);
+    return DhKeyPair(made);
+}
