@@ -60,7 +60,7 @@ void read_wsc(const FrameView& frame, WscMessage* out) {
     while (tlvs.next(&tlv)) {
         if (tlv.type != IEEE1905_TLV_TYPE_WPS)
             continue;
-        read_wsc_attributes(tlv.value, &out->attributes);
+        wsc::read_message(tlv.value, &out->attributes);
         if (type.valid == 1 && type.val == MessageType_M1) {
             out->has_m1 = true;
             out->m1 = tlv.value;

@@ -14,6 +14,7 @@
 #include "wsc/encrypt/encrypt.h"
 #include "wsc/encrypt/secret.h"
 #include "wsc/encrypt/wps_openssl.h"
+#include "wsc/wsc_attributes.h"
 
 namespace {
 
@@ -22,59 +23,6 @@ constexpr int kAuthLen = 8;                                 // KWA and Authentic
 constexpr int kAuthAttrLen = kWscAttrHeaderLen + kAuthLen;  // 12
 constexpr int kPlainWorkLen = 1024;
 constexpr size_t kAuthInputMax = 10240;  // M1 and M2 together, far above two CMDUs
-
-// Each known attribute and the parser of its field, by the width of its value.
-using Parser = int (*)(u_int8_t*, wsc_configuration_t*);
-
-template <typename Tlv, int (*Parse)(Tlv*, wsc_configuration_t*)>
-int as(u_int8_t* attribute, wsc_configuration_t* c) {
-    return Parse(reinterpret_cast<Tlv*>(attribute), c);
-}
-
-struct ParserRow {
-    u_int16_t id;
-    Parser parse;
-};
-
-constexpr ParserRow kParsers[] = {
-    {WSC_ID_VERSION, as<wscTLV_uint8_t, parse_wsc_tlv_version>},
-    {WSC_ID_MSG_TYPE, as<wscTLV_uint8_t, parse_wsc_message_type>},
-    {WSC_ID_UUID_E, as<wscTLV_t, parse_wsc_UUIDE>},
-    {WSC_ID_MAC_ADDR, as<wscTLV_t, parse_wsc_mac>},
-    {WSC_ID_ENROLLEE_NONCE, as<wscTLV_t, parse_wsc_enrollee_nonce>},
-    {WSC_ID_REGISTRAR_NONCE, as<wscTLV_t, parse_wsc_registrar_nonce>},
-    {WSC_ID_PUBLIC_KEY, as<wscTLV_t, parse_wsc_public_key>},
-    {WSC_ID_AUTH_TYPE_FLAGS, as<wscTLV_uint16_t, parse_wsc_authentication_type_flags>},
-    {WSC_ID_ENCR_TYPE_FLAGS, as<wscTLV_uint16_t, parse_wsc_encryption_type_flags>},
-    {WSC_ID_CONN_TYPE_FLAGS, as<wscTLV_uint8_t, parse_wsc_connectioin_type_flags>},
-    {WSC_ID_CONFIG_METHODS, as<wscTLV_uint16_t, parse_wsc_configuration_methods>},
-    {WSC_ID_WSC_STATE, as<wscTLV_uint8_t, parse_wsc_wifi_simple_configuration_state>},
-    {WSC_ID_MANUFACTURER, as<wscTLV_t, parse_wsc_manufacturer>},
-    {WSC_ID_MODEL_NAME, as<wscTLV_t, parse_wsc_model_name>},
-    {WSC_ID_MODEL_NUMBER, as<wscTLV_t, parse_wsc_model_number>},
-    {WSC_ID_SERIAL_NUMBER, as<wscTLV_t, parse_wsc_serial_number>},
-    {WSC_ID_PRIMARY_DEV_TYPE, as<wscTLV_t, parse_wsc_primary_device_type>},
-    {WSC_ID_DEVICE_NAME, as<wscTLV_t, parse_wsc_device_name>},
-    {WSC_ID_RF_BANDS, as<wscTLV_uint8_t, parse_wsc_connectioin_rf_bands>},
-    {WSC_ID_ASSOC_STATE, as<wscTLV_uint16_t, parse_wsc_tlv_association_state>},
-    {WSC_ID_DEVICE_PASSWORD_ID, as<wscTLV_uint16_t, parse_wsc_tlv_pwd_id>},
-    {WSC_ID_CONFIG_ERROR, as<wscTLV_uint16_t, parse_wsc_tlv_configuration_error>},
-    {WSC_ID_OS_VERSION, as<wscTLV_t, parse_wsc_os_version>},
-    {WSC_ID_VENDOR_EXT, as<wscTLV_t, parse_wsc_vendor_extension>},
-    {WSC_ID_UUID_R, as<wscTLV_t, parse_wsc_UUIDR>},
-    {WSC_ID_ENCR_SETTINGS, as<wscTLV_t, parse_wsc_encrypted_settings>},
-    {WSC_ID_AUTHENTICATOR, as<wscTLV_t, parse_wsc_authenticator>},
-};
-
-void dispatch(const kestr::wsc::Attribute& a, wsc_configuration_t* c) {
-    for (const ParserRow& row : kParsers) {
-        if (row.id == a.type) {
-            // The result is not needed: a refused attribute is simply absent.
-            row.parse(const_cast<u_int8_t*>(a.start), c);
-            return;
-        }
-    }
-}
 
 bool present(const wsc_configuration_8byte_t& r) {
     return r.valid == 1 && r.valid_len == kAuthLen;
@@ -88,13 +36,6 @@ bool same_authenticator(const u_int8_t* digest, const u_int8_t* received) {
 
 }  // namespace
 
-void kestr::read_wsc_attributes(ByteReader attributes, wsc_configuration_t* config) {
-    kestr::wsc::AttributeWalk walk(attributes.data(), attributes.remaining());
-    kestr::wsc::Attribute a;
-    while (walk.next(&a))
-        dispatch(a, config);
-}
-
 int IEEE19051_ParseTlvWsc(ieee1905TLV_t* tlv, wsc_configuration_t* wsc_config) {
     if (tlv == nullptr || wsc_config == nullptr) {
         KESTR_ERR("tlv == NULL || wsc_config == NULL\n");
@@ -104,7 +45,7 @@ int IEEE19051_ParseTlvWsc(ieee1905TLV_t* tlv, wsc_configuration_t* wsc_config) {
     kestr::ByteReader attributes;
     whole.skip(1);
     whole.u16_length_prefixed(&attributes);
-    kestr::read_wsc_attributes(attributes, wsc_config);
+    kestr::wsc::read_message(attributes, wsc_config);
     return 0;
 }
 

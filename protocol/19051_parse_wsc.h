@@ -17,11 +17,6 @@
 // repeated attribute the last good one counts. 0; -1 for a null argument.
 int IEEE19051_ParseTlvWsc(ieee1905TLV_t* tlv, wsc_configuration_t* wsc_config);
 
-namespace kestr {
-// The same for the attribute bytes of a WSC TLV.
-void read_wsc_attributes(ByteReader attributes, wsc_configuration_t* config);
-}  // namespace kestr
-
 // The enrollee's opening of M2: derives the keys from the registrar's public
 // key, the enrollee's own key pair `DHSecret`, both nonces of M2 and
 // `enrolle_mac`; decrypts the Encrypted Settings into `settings` (zeroed by

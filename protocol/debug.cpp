@@ -9,6 +9,7 @@
 #include "port/util.h"
 #include "protocol/19051_msg.h"
 #include "protocol/19051_parse.h"
+#include "protocol/19051_view.h"
 
 namespace {
 
@@ -183,16 +184,17 @@ void print_tlv_legacy_neighbor(neighborDeviceList list) {
 void print_tlv_wsc_packet(ieee1905TLV_t* tlv) {
     if (tlv == nullptr)
         return;
-    const auto* raw = reinterpret_cast<const uint8_t*>(tlv);
     // The walk hands out only attributes that lie wholly inside the TLV's
     // value; one that claims more than is left ends the printout.
-    kestr::wsc::AttributeWalk walk(raw + kTlvHeaderLen, kestr::load_be16(raw + 1));
-    kestr::wsc::Attribute a;
+    kestr::wsc::AttributeWalk walk(
+        kestr::tlv_value(kestr::ByteReader::self_delimited(tlv, 1, kTlvHeaderLen).bytes_view()));
+    kestr::wsc::AttributeBytes a;
     std::string out;
     while (walk.next(&a)) {
-        appendf(out, "tlv_type:%04x, %s, tlv_len:%d\n", a.type, get_desc_by_id(a.type), a.length);
+        appendf(out, "tlv_type:%04x, %s, tlv_len:%d\n", a.type, get_desc_by_id(a.type),
+                static_cast<int>(a.value.remaining()));
         out += kSeparator;
-        out += "tlv:" + wsc_attribute_line(a.start, kWscAttrHeaderLen + a.length);
+        out += "tlv:" + wsc_attribute_line(a.whole.data(), static_cast<int>(a.whole.remaining()));
         out += kSeparator;
     }
     emit(out);

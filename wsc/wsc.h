@@ -11,6 +11,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -229,23 +230,31 @@ void set_length(Record* r, size_t len) {
     r->valid = 1;
 }
 
-struct Attribute {
-    u_int16_t type;
-    u_int16_t length;
-    const u_int8_t* start;  // the attribute header
-    const u_int8_t* value;  // `length` bytes, all inside the walked buffer
+// One attribute as it lies in a buffer: all of it, and its value.
+struct AttributeBytes {
+    u_int16_t type = 0;
+    ByteReader whole;
+    ByteReader value;
 };
 
 // One pass over the attributes of a buffer, by the rules above.
 class AttributeWalk {
   public:
-    AttributeWalk(const u_int8_t* buf, size_t len) : p_(buf), left_(buf == nullptr ? 0 : len) {}
-    bool next(Attribute* out);
+    explicit AttributeWalk(ByteReader attributes) : rest_(attributes) {}
+    bool next(AttributeBytes* out);
 
   private:
-    const u_int8_t* p_;
-    size_t left_;
+    ByteReader rest_;
 };
+
+// The attributes of a WSC message (the value of a WSC TLV) into `config`:
+// unknown attributes are skipped, one that does not fit its record is left
+// absent, and of a repeated attribute the last good one counts.
+void read_message(ByteReader attributes, wsc_configuration_t* config);
+// The present attributes of `config` in the order peers expect, the
+// Authenticator last; false, with `out` to be discarded, when they do not
+// fit its room.
+bool write_message(wsc_configuration_t& config, ByteWriter* out);
 
 }  // namespace kestr::wsc
 
@@ -323,7 +332,7 @@ typedef struct {
 } wsc_attr_desc_t;
 
 constexpr int kWscAttrDescRows = 89;  // 88 names and the end mark (id -1)
-extern const wsc_attr_desc_t wsc_attr_desc[kWscAttrDescRows];
+extern const std::array<wsc_attr_desc_t, kWscAttrDescRows> wsc_attr_desc;
 
 // The name of attribute `id`, or "" when it has none. The text belongs to
 // the table and must not be written to.

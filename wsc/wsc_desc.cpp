@@ -1,106 +1,34 @@
-// Names of the WSC attributes for diagnostic output, sorted by name. The
-// texts are shown to users exactly as they stand, trailing blanks included,
-// and "802.1X Enabled" appears twice.
-#define KESTR_REPORT_MODULE "wsc"
+// Names of the WSC attributes for diagnostic output, in the order and the
+// spelling of the attribute table.
+#include <string_view>
 
 #include "wsc/wsc.h"
+#include "wsc/wsc_attributes.h"
 
-const wsc_attr_desc_t wsc_attr_desc[kWscAttrDescRows] = {
-    {"802.1X Enabled", 0x1062, 1},
-    {"802.1X Enabled", 0x1062, 1},
-    {"AP Channel", 0x1001, 2},
-    {"AP Setup Locked", 0x1057, 1},
-    {"Application Extension", 0x1058, 512},
-    {"AppSessionKey", 0x1063, 128},
-    {"Association State", 0x1002, 2},
-    {"Authentication Type", 0x1003, 2},
-    {"Authentication Type Flags", 0x1004, 2},
-    {"Authenticator", 0x1005, 8},
-    {"Configuration Error", 0x1009, 2},
-    {"Configuration Methods", 0x1008, 2},
-    {"Confirmation URL4", 0x100A, 64},
-    {"Confirmation URL6", 0x100B, 76},
-    {"Connection Type", 0x100C, 1},
-    {"Connection Type Flags", 0x100D, 1},
-    {"Credential", 0x100E, 0},
-    {"Device Name", 0x1011, 32},
-    {"Device Password ID", 0x1012, 2},
-    {"EAP Identity", 0x104D, 64},
-    {"EAP Type", 0x1059, 8},
-    {"E-Hash1", 0x1014, 32},
-    {"E-Hash2", 0x1015, 32},
-    {"Encrypted Settings", 0x1018, 0},
-    {"Encryption Type", 0x100F, 2},
-    {"Encryption Type Flags", 0x1010, 2},
-    {"Enrollee Nonce ", 0x101A, 16},
-    {"E-SNonce1", 0x1016, 16},
-    {"E-SNonce2", 0x1017, 16},
-    {"Feature ID", 0x101B, 4},
-    {"Identity", 0x101C, 80},
-    {"Identity Proof", 0x101D, 0},
-    {"Initialization Vector", 0x1060, 32},
-    {"Key Identifier ", 0x101F, 16},
-    {"Key Lifetime ", 0x1051, 4},
-    {"Key Provided Automatically ", 0x1061, 1},
-    {"Key Wrap Authenticator ", 0x101E, 8},
-    {"MAC Address ", 0x1020, 6},
-    {"Manufacturer", 0x1021, 64},
-    {"Message Counter ", 0x104E, 8},
-    {"Message Type", 0x1022, 1},
-    {"Model Name ", 0x1023, 32},
-    {"Model Number ", 0x1024, 32},
-    {"Network Index ", 0x1026, 1},
-    {"Network Key", 0x1027, 64},
-    {"Network Key Index (re served)", 0x1028, 1},
-    {"New Device Name", 0x1029, 32},
-    {"New Password", 0x102A, 64},
-    {"Out-of-Band Device Password", 0x102C, 58},
-    {"OS Version", 0x102D, 4},
-    {"Permitted Configuration Methods", 0x1052, 2},
-    {"Portable Device", 0x1056, 1},
-    {"Power Level", 0x102F, 1},
-    {"Primary Device Type", 0x1054, 8},
-    {"PSK Current", 0x1030, 1},
-    {"PSK Max", 0x1031, 1},
-    {"Public Key", 0x1032, 192},
-    {"Public Key Hash", 0x104F, 20},
-    {"Radio Enabled", 0x1033, 1},
-    {"Reboot", 0x1034, 1},
-    {"Registrar Current", 0x1035, 1},
-    {"Registrar Established", 0x1036, 1},
-    {"Registrar List", 0x1037, 512},
-    {"Registrar Max", 0x1038, 1},
-    {"Registrar Nonce", 0x1039, 16},
-    {"Rekey Key", 0x1050, 32},
-    {"Request Type", 0x103A, 1},
-    {"Requested Device Type", 0x106A, 8},
-    {"Response Type", 0x103B, 1},
-    {"RF Bands", 0x103C, 1},
-    {"R-Hash1", 0x103D, 32},
-    {"R-Hash2", 0x103E, 32},
-    {"R-SNonce1", 0x103F, 16},
-    {"R-SNonce2", 0x1040, 16},
-    {"Secondary Device Type List", 0x1055, 128},
-    {"Selected Registrar", 0x1041, 1},
-    {"Selected Registrar Configuration Methods", 0x1053, 2},
-    {"Serial Number", 0x1042, 32},
-    {"SSID", 0x1045, 32},
-    {"Total Networks", 0x1046, 1},
-    {"UUID-E", 0x1047, 16},
-    {"UUID-R", 0x1048, 16},
-    {"Vendor Extension", 0x1049, 1024},
-    {"Version", 0x104A, 1},
-    {"WEPTransmitKey", 0x1064, 1},
-    {"Wi-Fi Simple Configuration State", 0x1044, 1},
-    {"X.509 Certificate", 0x104C, 0},
-    {"X.509 Certificate Request", 0x104B, 0},
-    {"", -1, 0},
-};
+namespace {
+
+constexpr std::array<wsc_attr_desc_t, kWscAttrDescRows> name_rows() {
+    std::array<wsc_attr_desc_t, kWscAttrDescRows> rows{};
+    for (size_t i = 0; i < kestr::wsc::kAttributeCount; ++i) {
+        const kestr::wsc::Attribute& a = kestr::wsc::kAttributes[i];
+        const std::string_view name(a.name);
+        for (size_t j = 0; j < name.size() && j + 1 < sizeof rows[i].desc; ++j)
+            rows[i].desc[j] = name[j];
+        rows[i].id = a.id;
+        rows[i].len = a.nominal_len;
+    }
+    rows[kestr::wsc::kAttributeCount].id = -1;  // the end mark
+    return rows;
+}
+
+}  // namespace
+
+const std::array<wsc_attr_desc_t, kWscAttrDescRows> wsc_attr_desc = name_rows();
 
 char* get_desc_by_id(int id) {
     static const char kNone[] = "";
     // The end mark's id is never a lookup result, also for id -1.
-    for (int i = 0; i < kWscAttrDescRows && wsc_attr_desc[i].id != -1; ++i) {
+    for (size_t i = 0; i < kestr::wsc::kAttributeCount; ++i) {
         if (wsc_attr_desc[i].id == id)
             return const_cast<char*>(wsc_attr_desc[i].desc);
     }

@@ -39,11 +39,11 @@ inline u_int8_t* read_wsc(u_int8_t* frame, wsc_configuration_t* config) {
 // Where the WSC attribute `id` starts in `bytes`, walking the attributes
 // from offset `from` on; 0 when there is none.
 inline size_t find_attribute(const std::vector<uint8_t>& bytes, size_t from, uint16_t id) {
-    kestr::wsc::AttributeWalk walk(bytes.data() + from, bytes.size() - from);
-    kestr::wsc::Attribute a;
+    kestr::wsc::AttributeWalk walk(kestr::ByteReader(bytes.data() + from, bytes.size() - from));
+    kestr::wsc::AttributeBytes a;
     while (walk.next(&a)) {
         if (a.type == id)
-            return static_cast<size_t>(a.start - bytes.data());
+            return static_cast<size_t>(a.whole.data() - bytes.data());
     }
     return 0;
 }
