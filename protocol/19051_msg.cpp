@@ -81,7 +81,7 @@ int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType) {
     addr.sll_pkttype = PACKET_OTHERHOST;
     addr.sll_halen = ETH_ALEN;
 
-    if (ifName == nullptr || ifName[0] == '\0') {
+    if (ifName == nullptr || *ifName == '\0') {
         std::fprintf(stderr, "%s: Empty interface name\n", fn);
         return -1;
     }

@@ -19,8 +19,9 @@ bool kestr::TlvReader::next(Tlv* out) {
         return false;  // header or value passes the end
     if (type == IEEE1905_TLV_TYPE_END_OF_MESSAGE && value.empty())
         return false;
-    *out = Tlv{type, value};
-    rest_ = ahead;
+    ByteReader whole;
+    rest_.sub(kTlvHeaderLen + value.remaining(), &whole);
+    *out = Tlv{type, whole, value};
     return true;
 }
 
@@ -51,6 +52,7 @@ namespace {
 Tlv tlv_at(const void* tlv) {
     ByteReader whole = ByteReader::self_delimited(tlv, 1, kTlvHeaderLen);
     Tlv out;
+    out.whole = whole;
     whole.u8(&out.type);
     whole.u16_length_prefixed(&out.value);
     return out;

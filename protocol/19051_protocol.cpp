@@ -324,12 +324,12 @@ int IEEE19051_GetPacketApAutoconfigurationWsc2(ieee1905Message_t* packet, param_
                                                ieee1905TLV_t* wsctlv) {
     if (wsctlv == nullptr)
         return -1;
-    const auto* raw = reinterpret_cast<const uint8_t*>(wsctlv);
-    const size_t tlv_len = kTlvHeaderLen + kestr::load_be16(raw + 1);
-    if (tlv_len > static_cast<size_t>(kCmduContentLen))
+    // 3 + the TLV's own length bytes are copied, when they fit the content.
+    const kestr::ByteReader tlv = kestr::ByteReader::self_delimited(wsctlv, 1, kTlvHeaderLen);
+    if (tlv.remaining() > static_cast<size_t>(kCmduContentLen))
         return -1;
     return build(packet, param, IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_WSC, kCmduFlagsUnicast,
-                 [&](ByteWriter& w) { w.bytes(raw, tlv_len); });
+                 [&](ByteWriter& w) { w.bytes(tlv.bytes_view()); });
 }
 
 int IEEE19051_GetPacketTopologyDiscovery(ieee1905Message_t* packet, param_t param,

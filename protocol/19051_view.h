@@ -12,9 +12,10 @@
 
 namespace kestr {
 
-// One TLV: its type and exactly its `length` value bytes.
+// One TLV: its type, all of it, and exactly its `length` value bytes.
 struct Tlv {
     uint8_t type = 0;
+    ByteReader whole;
     ByteReader value;
 };
 

@@ -27,11 +27,17 @@ void appendf(std::string& out, const char* format, ...) {
         out.append(line, std::min<size_t>(static_cast<size_t>(n), sizeof line - 1));
 }
 
+// `len` bytes at `p` as a view; none for a null pointer or a length below 1.
+kestr::ConstBytes bytes_at(const void* p, int len) {
+    return len > 0 ? kestr::ConstBytes(static_cast<const uint8_t*>(p), static_cast<size_t>(len))
+                   : kestr::ConstBytes();
+}
+
 // " %02x" per byte and a line feed: the line print_packet prints.
-std::string hex_line(const uint8_t* bytes, int len) {
+std::string hex_line(kestr::ConstBytes bytes) {
     std::string out;
-    for (int i = 0; bytes != nullptr && i < len; ++i)
-        appendf(out, " %02x", bytes[i]);
+    for (const uint8_t b : bytes)
+        appendf(out, " %02x", b);
     out += '\n';
     return out;
 }
@@ -45,25 +51,29 @@ std::string ether_addr_line(const struct ether_addr& addr) {
 }
 
 // `title`, then the bytes 16 to a line, each line led by its offset.
-std::string hexdump_text(const char* title, const unsigned char* s, int l) {
+std::string hexdump_text(const char* title, kestr::ConstBytes bytes) {
     std::string out = title != nullptr ? title : "";
-    for (int n = 0; s != nullptr && n < l; ++n) {
+    size_t n = 0;
+    for (const uint8_t b : bytes) {
         if (n % 16 == 0)
-            appendf(out, "\n%04x", n);
-        appendf(out, " %02x", s[n]);
+            appendf(out, "\n%04zx", n);
+        appendf(out, " %02x", b);
+        ++n;
     }
     out += '\n';
     return out;
 }
 
 // One WSC attribute with its type, length and value set apart. Only the
-// bytes below `len` are read, also when that cuts the header short.
-std::string wsc_attribute_line(const uint8_t* attr, int len) {
+// bytes of the view are read, also when that cuts the header short.
+std::string wsc_attribute_line(kestr::ConstBytes attr) {
     std::string out;
-    for (int i = 0; attr != nullptr && i < len; ++i) {
-        appendf(out, " %02x", attr[i]);
+    size_t i = 0;
+    for (const uint8_t b : attr) {
+        appendf(out, " %02x", b);
         if (i == 1 || i == kWscAttrHeaderLen - 1)
             out += " |";
+        ++i;
     }
     out += '\n';
     return out;
@@ -75,14 +85,15 @@ template <typename Record>
 std::string present_line(const Record& r) {
     if (r.valid != 1)
         return "";
-    return hex_line(r.val, std::min<int>(r.valid_len, static_cast<int>(sizeof r.val)));
+    return hex_line(kestr::ConstBytes(r.val, std::min<size_t>(r.valid_len, sizeof r.val)));
 }
 
 template <typename Record>
 std::string present_hexdump(const char* title, const Record& r) {
     if (r.valid != 1)
         return "";
-    return hexdump_text(title, r.val, std::min<int>(r.valid_len, static_cast<int>(sizeof r.val)));
+    return hexdump_text(title,
+                        kestr::ConstBytes(r.val, std::min<size_t>(r.valid_len, sizeof r.val)));
 }
 
 // Everything is written with one call, so that output of another thread
@@ -94,17 +105,17 @@ void emit(const std::string& text) {
 }  // namespace
 
 void print_packet(u_int8_t* buf, int len) {
-    emit(hex_line(buf, len));
+    emit(hex_line(bytes_at(buf, len)));
 }
 
 void print_packet(kestr::ConstBytes bytes) {
-    emit(hex_line(bytes.data(), static_cast<int>(bytes.size())));
+    emit(hex_line(bytes));
 }
 
 void hexdump(FILE* f, const char* title, const unsigned char* s, int l) {
     if (f == nullptr)
         return;
-    const std::string out = hexdump_text(title, s, l);
+    const std::string out = hexdump_text(title, bytes_at(s, l));
     std::fwrite(out.data(), 1, out.size(), f);
 }
 
@@ -126,15 +137,14 @@ void print_packet_tlv(u_int8_t* buf) {
     appendf(out, "ieee1905Header.flags: %x\n", IEEE19051_GetFlags(buf));
     const int count = IEEE19051_GetTlvTotalNumber(buf);
     appendf(out, "ieee1905tvl_number: %d\n", count);
-    for (int i = 0; i < count; ++i) {
-        // The walk hands out only TLVs that lie wholly inside the frame.
-        const uint8_t* tlv = IEEE19051_GetTlvByNumber(buf, i);
-        if (tlv == nullptr)
-            break;
-        const int length = kestr::load_be16(tlv + 1);
-        appendf(out, "tlv_type:%d,%s, tlv_len:%d\n", tlv[0], IEEE19051_TlvTypeDesc(tlv[0]), length);
+    // The walk hands out only TLVs that lie wholly inside the frame.
+    kestr::TlvReader tlvs = kestr::FrameView(buf, kCmduMaxFrameLen).tlvs();
+    kestr::Tlv tlv;
+    while (tlvs.next(&tlv)) {
+        appendf(out, "tlv_type:%d,%s, tlv_len:%d\n", tlv.type, IEEE19051_TlvTypeDesc(tlv.type),
+                static_cast<int>(tlv.value.remaining()));
         out += kSeparator;
-        out += "tlv:" + hex_line(tlv, kTlvHeaderLen + length);
+        out += "tlv:" + hex_line(tlv.whole.bytes_view());
         out += kSeparator;
     }
     emit(out);
@@ -142,8 +152,8 @@ void print_packet_tlv(u_int8_t* buf) {
 
 void print_tlv_vendor_specific(u_int8_t* /*oui*/, u_int8_t* val, int val_len) {
     std::string out;
-    for (int i = 0; val != nullptr && i < val_len; ++i)
-        appendf(out, "%02x ", val[i]);
+    for (const uint8_t b : bytes_at(val, val_len))
+        appendf(out, "%02x ", b);
     out += '\n';
     emit(out);
 }
@@ -154,7 +164,7 @@ void print_tlv_device_information(struct ether_addr almac, device_information_t 
     for (int i = 0; i < num; ++i) {
         const interface_information_t& itf = device_info.interface[i];
         out += ether_addr_line(itf.mac);
-        out += hex_line(itf.val, std::min<int>(itf.length, MEDIA_SPECIFIC_INFO_MAX));
+        out += hex_line(kestr::ConstBytes(itf.val, std::min<size_t>(itf.length, sizeof itf.val)));
     }
     emit(out);
 }
@@ -194,21 +204,21 @@ void print_tlv_wsc_packet(ieee1905TLV_t* tlv) {
         appendf(out, "tlv_type:%04x, %s, tlv_len:%d\n", a.type, get_desc_by_id(a.type),
                 static_cast<int>(a.value.remaining()));
         out += kSeparator;
-        out += "tlv:" + wsc_attribute_line(a.whole.data(), static_cast<int>(a.whole.remaining()));
+        out += "tlv:" + wsc_attribute_line(a.whole.bytes_view());
         out += kSeparator;
     }
     emit(out);
 }
 
 void print_tlv_wsc_packet_single(u_int8_t* buf, int len) {
-    emit(wsc_attribute_line(buf, len));
+    emit(wsc_attribute_line(bytes_at(buf, len)));
 }
 
 void print_wsc_configuration(wsc_configuration_t config) {
     std::string out = present_line(config.UUIDE) + present_line(config.UUIDR);
     // A MAC address is six bytes whatever length it arrived with.
     if (config.mac.valid == 1)
-        out += hex_line(config.mac.val, sizeof config.mac.val);
+        out += hex_line(config.mac.val);
     out += present_line(config.enrollee_nonce) + present_line(config.registrar_nonce) +
            present_line(config.public_key);
     if (config.serial_number.valid != 1) {

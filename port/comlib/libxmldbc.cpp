@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "port/common/bytes.h"
 #include "port/common/unique_fd.h"
 
 namespace {
@@ -108,19 +109,21 @@ int _cmd_wo_out(sock_t sn, action_t a, flag_t f, const char* param, uint16_t siz
 // is cut, and its last byte becomes the terminator so the caller's text still
 // ends inside the buffer.
 void redirect_to_buffer(int fd, char* buff, size_t buff_size) {
+    const kestr::Span<char> reply(buff, buff_size);
     size_t written = 0;
-    while (written < buff_size) {
+    while (written < reply.size()) {
         if (!wait_readable(fd))
             break;
-        const ssize_t n = read_some(fd, buff + written, buff_size - written);
+        const kestr::Span<char> rest = reply.subspan(written);
+        const ssize_t n = read_some(fd, rest.data(), rest.size());
         if (n <= 0)
             break;
         written += static_cast<size_t>(n);
-        if (buff[written - 1] == '\0')
+        if (reply[written - 1] == '\0')
             return;
     }
-    if (buff_size > 0 && written == buff_size && buff[buff_size - 1] != '\0')
-        buff[buff_size - 1] = '\0';
+    if (!reply.empty() && written == reply.size())
+        reply[reply.size() - 1] = '\0';
 }
 
 // Copies a NUL-terminated reply to `out` piece by piece.
@@ -270,17 +273,20 @@ bool is_white(char c) {
 char* lxmldbc_eatwhite(char* string) {
     if (string == nullptr)
         return nullptr;
-    while (is_white(*string))
-        ++string;
-    return string;
+    const kestr::Span<char> text(string, std::strlen(string));
+    size_t skip = 0;
+    while (skip < text.size() && is_white(text[skip]))
+        ++skip;
+    return text.subspan(skip).data();
 }
 
 char* lxmldbc_reatwhite(char* ptr) {
     if (ptr == nullptr)
         return nullptr;
-    size_t len = std::strlen(ptr);
-    while (len > 0 && is_white(ptr[len - 1]))
-        ptr[--len] = '\0';
+    const kestr::Span<char> text(ptr, std::strlen(ptr));
+    size_t len = text.size();
+    while (len > 0 && is_white(text[len - 1]))
+        text[--len] = '\0';
     return ptr;
 }
 
@@ -302,14 +308,15 @@ int lxmldbc_run_shell(char* buf, int size, const char* format, ...) {
     std::vsnprintf(command, sizeof command, format, args);
     va_end(args);
 
-    buf[0] = '\0';
+    const kestr::Span<char> out(buf, static_cast<size_t>(size));
+    out[0] = '\0';
     FILE* pipe = popen(command, "r");
     if (pipe == nullptr)
         return -1;
-    const size_t n = std::fread(buf, 1, static_cast<size_t>(size) - 1, pipe);
-    buf[n] = '\0';
+    const size_t n = std::fread(out.data(), 1, out.size() - 1, pipe);
+    out[n] = '\0';
     pclose(pipe);
-    if (n > 0 && buf[n - 1] == '\n')
-        buf[n - 1] = '\0';
+    if (n > 0 && out[n - 1] == '\n')
+        out[n - 1] = '\0';
     return 0;
 }

@@ -81,6 +81,16 @@ char* alloc_init(int size) {
     return static_cast<char*>(std::calloc(1, static_cast<size_t>(size)));
 }
 
+namespace {
+
+// The cursor is always m_currentLength bytes into the storage.
+void place_cursor(BufferObj* b) {
+    b->pCurrent =
+        kestr::MutableBytes(b->pBase, b->m_bufferLength).subspan(b->m_currentLength).data();
+}
+
+}  // namespace
+
 uint8* buffobj_Pos(BufferObj* b) {
     return b->pCurrent;
 }
@@ -109,9 +119,9 @@ uint8* buffobj_Append(BufferObj* b, uint32 length, uint8* pBuff) {
         if (b->m_currentLength != 0)
             std::memcpy(owned, b->pBase, b->m_currentLength);
         b->pBase = owned;
-        b->pCurrent = owned + b->m_currentLength;
         b->m_bufferLength += kChunk;
         b->m_allocated = 1;
+        place_cursor(b);
     }
     if (length > room(b)) {
         const uint32 grow = length > kChunk ? length : kChunk;
@@ -124,13 +134,13 @@ uint8* buffobj_Append(BufferObj* b, uint32 length, uint8* pBuff) {
         }
         b->pBase = grown;
         b->m_bufferLength = b->m_currentLength + grow;
-        b->pCurrent = b->pBase + b->m_currentLength;
+        place_cursor(b);
     }
     uint8* at = b->pCurrent;
     std::memcpy(at, pBuff, length);
-    b->pCurrent += length;
     b->m_currentLength += length;
-    b->m_dataLength = static_cast<uint32>(b->pCurrent - b->pBase);
+    b->m_dataLength = b->m_currentLength;
+    place_cursor(b);
     return at;
 }
 
@@ -145,7 +155,7 @@ uint8* buffobj_Advance(BufferObj* b, uint32 offset) {
     if (offset > room(b))
         return nullptr;
     b->m_currentLength += offset;
-    b->pCurrent = b->pBase + b->m_currentLength;
+    place_cursor(b);
     return b->pCurrent;
 }
 
@@ -155,7 +165,7 @@ uint8* buffobj_RewindLength(BufferObj* b, uint32 length) {
     if (length > b->m_currentLength)
         return nullptr;
     b->m_currentLength -= length;
-    b->pCurrent = b->pBase + b->m_currentLength;
+    place_cursor(b);
     return b->pCurrent;
 }
 
@@ -203,7 +213,7 @@ uint8 buffobj_NextSubId(BufferObj* b) {
         return 0;
     if (room(b) < 2)
         return 0;
-    return b->pCurrent[0];
+    return *b->pCurrent;
 }
 
 int buffobj_lock(BufferObj* b) {

@@ -150,8 +150,9 @@ int get_keys(u_int8_t* received_public_key, DH* our_DHSecret, u_int8_t* enrollee
     // The library drops leading zero bytes; the peer hashes all 192.
     if (n < kDhPublicKeyLen) {
         const size_t shift = static_cast<size_t>(kDhPublicKeyLen - n);
-        std::memmove(secret.data() + shift, secret.data(), static_cast<size_t>(n));
-        std::memset(secret.data(), 0, shift);
+        const kestr::MutableBytes all(secret.bytes);
+        std::memmove(all.subspan(shift).data(), all.data(), static_cast<size_t>(n));
+        std::memset(all.data(), 0, shift);
     }
 
     kestr::SecretBytes<kSha256Len> dh_key;

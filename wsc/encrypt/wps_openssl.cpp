@@ -18,6 +18,7 @@
 #include <cstring>
 #include <memory>
 
+#include "port/common/bytes.h"
 #include "port/common/report.h"
 #include "wsc/encrypt/secret.h"
 
@@ -32,14 +33,18 @@ static_assert(sizeof(((AES_KEY*)nullptr)->rd_key[0]) == sizeof(u_int32_t),
 
 // ---------------------------------------------------------------- AES-CBC
 
-void xor_block(uint8_t* dst, const uint8_t* a, const uint8_t* b) {
+// One 16-byte block of a buffer: the views below are cut to whole blocks.
+using Block = kestr::MutableBytes;
+
+void xor_block(Block dst, kestr::ConstBytes a, kestr::ConstBytes b) {
     for (size_t i = 0; i < kAesBlock; ++i)
         dst[i] = a[i] ^ b[i];
 }
 
 // The CBC worker behind aes_cbc_encrypt_pad / aes_cbc_decrypt_pad. Works one
 // block at a time and reads each input block before writing the output block
-// at the same place, so `in` and `out` may be the same buffer.
+// at the same place, so `in` and `out` may be the same buffer; `out` holds
+// the result (one block more than `length` when encrypting).
 int AES_cbc_encrypt_pad(const unsigned char* in, unsigned char* out, const unsigned long length,
                         const AES_KEY* key, unsigned char* ivec, const int enc) {
     if (in == nullptr || out == nullptr || key == nullptr || ivec == nullptr)
@@ -51,42 +56,46 @@ int AES_cbc_encrypt_pad(const unsigned char* in, unsigned char* out, const unsig
 
     const size_t blocks = length / kAesBlock;
     const size_t rest = length % kAesBlock;
+    const kestr::ConstBytes input(in, length);
+    const kestr::MutableBytes output(out, blocks * kAesBlock + (enc == 1 ? kAesBlock : 0));
+    auto in_block = [&](size_t i) { return input.subspan(i * kAesBlock, kAesBlock); };
+    auto out_block = [&](size_t i) { return output.subspan(i * kAesBlock, kAesBlock); };
     kestr::SecretBytes<kAesBlock> chain, work, saved;
     std::memcpy(chain.data(), ivec, kAesBlock);
 
     if (enc == 1) {
         for (size_t i = 0; i < blocks; ++i) {
-            xor_block(work.data(), in + i * kAesBlock, chain.data());
-            AES_encrypt(work.data(), out + i * kAesBlock, key);
-            std::memcpy(chain.data(), out + i * kAesBlock, kAesBlock);
+            xor_block(work.bytes, in_block(i), chain.bytes);
+            AES_encrypt(work.data(), out_block(i).data(), key);
+            std::memcpy(chain.data(), out_block(i).data(), kAesBlock);
         }
         // The last block always carries the padding: a whole block of 0x10
         // when the data ends on a block boundary.
         const uint8_t pad = static_cast<uint8_t>(kAesBlock - rest);
         std::memset(work.data(), pad, kAesBlock);
         if (rest != 0)
-            std::memcpy(work.data(), in + blocks * kAesBlock, rest);
-        xor_block(work.data(), work.data(), chain.data());
-        AES_encrypt(work.data(), out + blocks * kAesBlock, key);
-        return static_cast<int>(blocks * kAesBlock + kAesBlock);
+            std::memcpy(work.data(), in_block(blocks).data(), rest);
+        xor_block(work.bytes, work.bytes, chain.bytes);
+        AES_encrypt(work.data(), out_block(blocks).data(), key);
+        return static_cast<int>(output.size());
     }
 
     if (blocks == 0)
         return -1;  // no block, so no padding to read
     for (size_t i = 0; i < blocks; ++i) {
-        std::memcpy(saved.data(), in + i * kAesBlock, kAesBlock);
+        std::memcpy(saved.data(), in_block(i).data(), kAesBlock);
         AES_decrypt(saved.data(), work.data(), key);
-        xor_block(out + i * kAesBlock, work.data(), chain.data());
+        xor_block(out_block(i), work.bytes, chain.bytes);
         std::memcpy(chain.data(), saved.data(), kAesBlock);
     }
-    const long whole = static_cast<long>(blocks * kAesBlock);
+    const long whole = static_cast<long>(output.size());
     // A sender that cut its ciphertext short: the whole blocks are returned
     // as they decrypt, the partial tail is ignored and no padding removed.
     if (rest != 0)
         return static_cast<int>(whole);
     // The pad count is taken as sent; a count beyond the data is reported as
     // a negative length, which every caller treats as a failure.
-    return static_cast<int>(whole - out[whole - 1]);
+    return static_cast<int>(whole - output[output.size() - 1]);
 }
 
 int rounds_for(size_t key_len) {
@@ -113,10 +122,7 @@ int cbc_with_round_keys(u_int32_t* rk, size_t key_len, const u_int8_t* nonce, si
 
 // ------------------------------------------------------------ HMAC-SHA-256
 
-struct Span {
-    const uint8_t* data;
-    size_t len;
-};
+using Span = kestr::ConstBytes;
 
 struct MdCtxFree {
     void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
@@ -129,13 +135,12 @@ const EVP_MD* sha256() {
     return fetched != nullptr ? fetched : EVP_sha256();
 }
 
-bool digest(EVP_MD_CTX* ctx, const Span* parts, size_t count, uint8_t out[kSha256Len]) {
+bool digest(EVP_MD_CTX* ctx, kestr::Span<const Span> parts, uint8_t out[kSha256Len]) {
     if (EVP_DigestInit_ex(ctx, sha256(), nullptr) != 1)
         return false;
-    for (size_t i = 0; i < count; ++i) {
-        if (parts[i].len != 0 && EVP_DigestUpdate(ctx, parts[i].data, parts[i].len) != 1) {
+    for (const Span& part : parts) {
+        if (!part.empty() && EVP_DigestUpdate(ctx, part.data(), part.size()) != 1)
             return false;
-        }
     }
     unsigned int len = 0;
     return EVP_DigestFinal_ex(ctx, out, &len) == 1 && len == kSha256Len;
@@ -143,7 +148,7 @@ bool digest(EVP_MD_CTX* ctx, const Span* parts, size_t count, uint8_t out[kSha25
 
 // RFC 2104: H((K0 ^ opad) || H((K0 ^ ipad) || text)), K0 the key padded with
 // zeros to the block, or its digest when it is longer than the block.
-bool hmac(const uint8_t* key, size_t key_len, const Span* text, size_t count,
+bool hmac(const uint8_t* key, size_t key_len, kestr::Span<const Span> text,
           uint8_t out[kSha256Len]) {
     std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
     if (!ctx)
@@ -151,8 +156,8 @@ bool hmac(const uint8_t* key, size_t key_len, const Span* text, size_t count,
 
     kestr::SecretBytes<kHmacBlock> k0;
     if (key_len > kHmacBlock) {
-        const Span whole{key, key_len};
-        if (!digest(ctx.get(), &whole, 1, k0.data()))
+        const Span whole[1] = {Span(key, key_len)};
+        if (!digest(ctx.get(), whole, k0.data()))
             return false;
     } else if (key_len != 0) {
         std::memcpy(k0.data(), key, key_len);
@@ -161,17 +166,18 @@ bool hmac(const uint8_t* key, size_t key_len, const Span* text, size_t count,
     kestr::SecretBytes<kHmacBlock> pad;
     for (size_t i = 0; i < kHmacBlock; ++i)
         pad.bytes[i] = k0.bytes[i] ^ 0x36;
-    Span inner_parts[3] = {{pad.data(), kHmacBlock}, {}, {}};
-    for (size_t i = 0; i < count && i < 2; ++i)
-        inner_parts[i + 1] = text[i];
+    Span inner_parts[3] = {Span(pad.data(), kHmacBlock), {}, {}};
+    size_t parts = 1;
+    for (const Span& t : text.first(2))
+        inner_parts[parts++] = t;
     kestr::SecretBytes<kSha256Len> inner;
-    if (!digest(ctx.get(), inner_parts, 1 + (count < 2 ? count : 2), inner.data()))
+    if (!digest(ctx.get(), kestr::Span<const Span>(inner_parts, parts), inner.data()))
         return false;
 
     for (size_t i = 0; i < kHmacBlock; ++i)
         pad.bytes[i] = k0.bytes[i] ^ 0x5c;
-    const Span outer_parts[2] = {{pad.data(), kHmacBlock}, {inner.data(), kSha256Len}};
-    return digest(ctx.get(), outer_parts, 2, out);
+    const Span outer_parts[2] = {Span(pad.data(), kHmacBlock), Span(inner.data(), kSha256Len)};
+    return digest(ctx.get(), outer_parts, out);
 }
 
 // ------------------------------------------------------------ random bytes
@@ -239,9 +245,9 @@ void hmac_sha256(const void* key, int key_len, const unsigned char* text, size_t
                  unsigned char* digest_out, unsigned int* digest_len) {
     if (digest_out == nullptr)
         return;
-    const Span part{text, text == nullptr ? 0 : text_len};
+    const Span part[1] = {Span(text, text_len)};
     const size_t klen = key == nullptr || key_len < 0 ? 0 : static_cast<size_t>(key_len);
-    if (!hmac(static_cast<const uint8_t*>(key), klen, &part, 1, digest_out)) {
+    if (!hmac(static_cast<const uint8_t*>(key), klen, part, digest_out)) {
         // Only an exhausted library gets here; a zero digest never matches a
         // received authenticator by accident of our own making.
         std::memset(digest_out, 0, kSha256Len);
@@ -266,9 +272,10 @@ void linux_random(u_int8_t* rand, int len) {
                 break;
         }
     }
-    if (got < static_cast<size_t>(len)) {
-        RAND_bytes(rand + got, static_cast<int>(static_cast<size_t>(len) - got));
-    }
+    const kestr::MutableBytes missing =
+        kestr::MutableBytes(rand, static_cast<size_t>(len)).subspan(got);
+    if (!missing.empty())
+        RAND_bytes(missing.data(), static_cast<int>(missing.size()));
 }
 
 void RAND_linux_init() {}
@@ -277,8 +284,8 @@ namespace kestr {
 
 bool hmac_sha256_two(const uint8_t* key, size_t key_len, const uint8_t* a, size_t a_len,
                      const uint8_t* b, size_t b_len, uint8_t digest_out[32]) {
-    const Span parts[2] = {{a, a == nullptr ? 0 : a_len}, {b, b == nullptr ? 0 : b_len}};
-    if (hmac(key, key_len, parts, 2, digest_out))
+    const ConstBytes parts[2] = {ConstBytes(a, a_len), ConstBytes(b, b_len)};
+    if (hmac(key, key_len, parts, digest_out))
         return true;
     std::memset(digest_out, 0, kSha256Len);
     return false;
