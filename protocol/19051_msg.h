@@ -62,6 +62,11 @@ int IEEE19051_SendMsgTopologyQuery(const char* da_str, const char* tx_interface,
 
 namespace kestr {
 
+// The interface part of an addressing record: the sending interface's own
+// address and index, asked of the socket `sockfd`. 0, or -1 with the line
+// of the request that failed.
+int fill_interface(param_t* pparam, int sockfd, const char* tx_interface);
+
 // What a sender does when its addressing record cannot be filled: go on (the
 // send then fails for want of an interface index) or stop at once.
 enum class OnAddressFailure { GoOn, Stop };
