@@ -23,30 +23,31 @@ using kestr::Band;
 
 namespace {
 
-IEEE19051_Info_t search_request(int mid, Band band) {
+// A request sent now from br0, living 3 s, ended by requestTimeout.
+IEEE19051_Info_t request_sent_now(int mid, int type, RESPONSE_HANDLER on_answer) {
     IEEE19051_Info_t info{};
     info.mid = mid;
-    info.isMulticast = 1;
-    info.msgType = IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_SEARCH;
+    info.msgType = type;
     info.srcMac = kestr::interface_mac(kestr::kBridge).ether();
-    info.freqBand = band.ieee1905();
     info.sendAbsTime = getSysRunningTime();
     info.timeout = kRequestLifetimeSeconds;
-    info.responseHandler = continueAfterSearch;
+    info.responseHandler = on_answer;
     info.timeoutHandler = requestTimeout;
     return info;
 }
 
+IEEE19051_Info_t search_request(int mid, Band band) {
+    IEEE19051_Info_t info =
+        request_sent_now(mid, IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_SEARCH, continueAfterSearch);
+    info.isMulticast = 1;
+    info.freqBand = band.ieee1905();
+    return info;
+}
+
 IEEE19051_Info_t m1_request(int mid, const kestr::Mac& registrar) {
-    IEEE19051_Info_t info{};
-    info.mid = mid;
-    info.msgType = IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_WSC;
-    info.srcMac = kestr::interface_mac(kestr::kBridge).ether();
+    IEEE19051_Info_t info =
+        request_sent_now(mid, IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_WSC, continueAfterM1);
     info.destMac = registrar.ether();
-    info.sendAbsTime = getSysRunningTime();
-    info.timeout = kRequestLifetimeSeconds;
-    info.responseHandler = continueAfterM1;
-    info.timeoutHandler = requestTimeout;
     info.extraDataType = RequestExtraDataType_M1;
     return info;
 }
