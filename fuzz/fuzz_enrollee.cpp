@@ -24,6 +24,7 @@
 // sockets, no br0).
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -45,16 +46,17 @@ void record_search(int mid, int band) {
 
 void record_m1() {
     const kestr::fuzz::FixedExchange& x = kestr::fuzz::fixed_exchange();
-    auto* extra = new RequestExtraDataM1_t;
-    std::memset(extra, 0, sizeof *extra);
-    extra->dh = x.enrollee;
+    auto extra = std::make_unique<RequestExtraDataM1_t>();
+    // The request never expires (no watcher runs), so it may hold the
+    // fixture's key pair for the life of the process.
+    extra->dh.reset(x.enrollee);
     std::memcpy(extra->wsctlv, x.m1_tlv.data(), sizeof extra->wsctlv);
     std::memcpy(extra->enrollee_nonce, x.m1.enrollee_nonce.val, sizeof extra->enrollee_nonce);
     IEEE19051_Info_t info;
     char registrar[32];
     std::snprintf(registrar, sizeof registrar, "%s", kestr::fuzz::kRegistrarMacText);
-    createRequestInfoM1(&info, kestr::fuzz::kM1Mid, 0, registrar, extra);
-    IEEE19051_AddRequestRecord(info);
+    createRequestInfoM1(&info, kestr::fuzz::kM1Mid, 0, registrar, nullptr);
+    kestr::add_request(info, std::move(extra));
 }
 
 }  // namespace
