@@ -143,27 +143,25 @@ wsc_configuration_t parse(Bytes tlv) {
 }
 
 // The group as a library DH object, for the floor.
-DH* group_template() {
-    DH* dh = DH_new();
+kestr::DhKeyPair group_template() {
+    kestr::DhKeyPair dh(DH_new());
     BIGNUM* g = BN_new();
     BN_set_word(g, 2);
-    DH_set0_pqg(dh, BN_get_rfc3526_prime_1536(nullptr), nullptr, g);
+    DH_set0_pqg(dh.get(), BN_get_rfc3526_prime_1536(nullptr), nullptr, g);
     return dh;
 }
 
 void BM_RegistrarFloor(benchmark::State& state) {
-    DH* group = group_template();
+    const kestr::DhKeyPair group = group_template();
     Enrollee e;
     const BIGNUM* peer = nullptr;
     DH_get0_key(e.dh, &peer, nullptr);
     uint8_t secret[192];
     for (auto _ : state) {
-        DH* dh = DHparams_dup(group);
-        DH_generate_key(dh);
-        benchmark::DoNotOptimize(DH_compute_key(secret, peer, dh));
-        DH_free(dh);
+        const kestr::DhKeyPair dh(DHparams_dup(group.get()));
+        DH_generate_key(dh.get());
+        benchmark::DoNotOptimize(DH_compute_key(secret, peer, dh.get()));
     }
-    DH_free(group);
 }
 
 void BM_RegistrarAnswersM1(benchmark::State& state) {
