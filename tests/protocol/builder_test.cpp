@@ -4,7 +4,7 @@
 #include <functional>
 
 #include "protocol/19051_protocol.h"
-#include "tests/protocol/cmdu_util.h"
+#include "tests/support/bytes.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <functional>
 
-#include "tests/protocol/cmdu_util.h"
+#include "tests/support/bytes.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "protocol/debug.h"
-#include "tests/protocol/wsc_records.h"
+#include "tests/support/wsc_samples.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <functional>
 
-#include "tests/protocol/cmdu_util.h"
+#include "tests/support/bytes.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include "port/common/bytes.h"
 #include "protocol/19051_msg.h"
 #include "protocol/19051_parse.h"
-#include "tests/protocol/cmdu_util.h"
+#include "tests/support/bytes.h"
 
 namespace {
 

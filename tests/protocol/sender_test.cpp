@@ -11,7 +11,7 @@
 
 #include "port/util.h"
 #include "protocol/19051_msg.h"
-#include "tests/protocol/wsc_records.h"
+#include "tests/support/wsc_samples.h"
 #include "tests/support/netns.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include "protocol/19051_msg.h"
 #include "protocol/19051_parse.h"
 #include "protocol/19051_parse_wsc.h"
-#include "tests/protocol/wsc_records.h"
+#include "tests/support/wsc_samples.h"
 
 namespace {
 

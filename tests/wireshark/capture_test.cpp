@@ -30,7 +30,7 @@
 #include "protocol/19051_msg.h"
 #include "protocol/19051_parse_wsc.h"
 #include "protocol/19051_protocol.h"
-#include "tests/protocol/cmdu_util.h"
+#include "tests/support/bytes.h"
 #include "tests/support/netns.h"
 #include "wsc/encrypt/encrypt.h"
 #include "wsc/wsc.h"

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "protocol/19051_parse_wsc.h"
-#include "tests/protocol/wsc_records.h"
+#include "tests/support/wsc_samples.h"
 #include "wsc/wsc.h"
 
 namespace {

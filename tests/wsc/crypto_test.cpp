@@ -17,7 +17,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/protocol/cmdu_util.h"
+#include "tests/support/bytes.h"
 #include "tests/support/capture.h"
 #include "tests/support/netns.h"
 #include "wsc/encrypt/buffobj.h"

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "protocol/19051_parse_wsc.h"
-#include "tests/protocol/wsc_records.h"
+#include "tests/support/wsc_samples.h"
 #include "wsc/encrypt/encrypt.h"
 #include "wsc/encrypt/wps_openssl.h"
 #include "wsc/wsc.h"

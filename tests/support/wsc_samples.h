@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/protocol/cmdu_util.h"
+#include "tests/support/bytes.h"
 #include "wsc/wsc.h"
 
 namespace kestr::test {
