@@ -2,7 +2,7 @@
 # Decodes a capture of 1905.1 frames with Wireshark's dissectors (tshark) and
 # checks that every frame reads cleanly as a message of a cloning run:
 #
-#   wireshark_check.sh CAPTURE [MESSAGE...]
+#   tools/wireshark-check.sh CAPTURE [MESSAGE...]
 #
 # MESSAGE is one of search, response, m1, m2: the frames the capture must
 # hold, in this order and nothing else. Without any, every frame must still
@@ -22,7 +22,7 @@
 # tshark cannot read.
 set -uo pipefail
 
-me=wireshark_check
+me=wireshark-check
 usage() {
     echo "usage: $me CAPTURE [search|response|m1|m2]..." >&2
     exit 2
