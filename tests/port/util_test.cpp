@@ -60,8 +60,9 @@ TEST(MacText, BothDirections) {
         struct ether_addr a;
         std::memset(&a, 0xAA, sizeof a);
         const char* what = text ? text : "(null)";
-        const auto out =
-            capture_output([&] { EXPECT_EQ(mac_str_to_etheraddr(text, &a), ok ? 0 : -1) << what; });
+        int rc = 0;
+        const auto out = capture_output([&, text = text] { rc = mac_str_to_etheraddr(text, &a); });
+        EXPECT_EQ(rc, ok ? 0 : -1) << what;
         EXPECT_EQ(bytes_of(a),
                   ok ? std::string("\x01\x80\xC2\x00\x00\x13", 6) : std::string(6, '\xAA'))
             << what;
