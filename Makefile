@@ -13,7 +13,7 @@ FUZZ_SECONDS ?= 60
 FUZZ_CI_SECONDS ?= 15
 
 .PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian valgrind bench \
-	size install clean fuzz fuzz-build fuzz-ci fuzz-corpus
+	size install clean fuzz fuzz-build fuzz-ci
 
 all: build
 
@@ -80,7 +80,8 @@ test-bigendian:
 	cd build-s390x && KESTR_TEST_NO_NAMESPACES=1 ctest --output-on-failure -j$(JOBS) -LE 'e2e|valgrind'
 
 # libFuzzer targets (clang, ASan + UBSan) in build-fuzz/, each run for
-# FUZZ_SECONDS in private namespaces; see fuzz/run.sh.
+# FUZZ_SECONDS in namespaces of its own, seeding its corpus from the
+# product's builders; see fuzz/run.sh.
 fuzz-build: deps
 	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
 		-DCMAKE_CXX_COMPILER=clang++ -DKESTR_FUZZ=ON -DKESTR_BUILD_TESTS=OFF
@@ -91,10 +92,6 @@ fuzz: fuzz-build
 
 fuzz-ci: fuzz-build
 	fuzz/run.sh build-fuzz $(FUZZ_CI_SECONDS)
-
-# Rewrites the checked-in seeds from fuzz/exchange.pcap (or PCAP=...).
-fuzz-corpus: fuzz-build
-	fuzz/run.sh build-fuzz corpus $(PCAP)
 
 bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKESTR_BUILD_TESTS=OFF -DKESTR_BUILD_BENCH=ON
