@@ -185,10 +185,16 @@ void IEEE19051_InitList() {
     isInited = 1;
 }
 
+// Called once every other user of the list has stopped: what is still
+// pending is freed with the lock it lived under.
 void IEEE19051_UninitList() {
     if (isInited != 1)
         return;
     deleteThread();
+    lock();
+    while (!list_empty_locked())
+        delete_locked(record_of(head.next));
+    unlock();
     pthread_mutex_destroy(&listLock);
     isInited = 0;
 }
