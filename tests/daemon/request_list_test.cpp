@@ -45,9 +45,9 @@ std::vector<int> pending() {
 class RequestList : public ::testing::Test {
   protected:
     void TearDown() override {
-        IEEE19051_UninitList();
         while (auto* r = IEEE19051_GetFirstRequestRecord())
             IEEE19051_DelRequestRecord(r);
+        IEEE19051_UninitList();
     }
 };
 
@@ -147,6 +147,8 @@ TEST_F(RequestList, WatcherExpiresRequestsPassByPass) {
     const size_t after_stop = seen().size();
     std::this_thread::sleep_for(1200ms);
     EXPECT_EQ(seen().size(), after_stop);  // a stopped watcher calls no handler
+    IEEE19051_InitList();
+    EXPECT_TRUE(pending().empty());  // the stop freed what was left
 }
 
 // What an M1 request keeps is freed by its expiry on the watcher while the

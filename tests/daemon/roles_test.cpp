@@ -51,6 +51,7 @@ class Device : public ::testing::Test {
     void TearDown() override {
         while (auto* r = IEEE19051_GetFirstRequestRecord())
             IEEE19051_DelRequestRecord(r);
+        IEEE19051_UninitList();
     }
     // A frame from the peer to br0, built by the product's own builder.
     Bytes frame_to_br0(const std::function<int(ieee1905Message_t*, param_t)>& build) {
@@ -296,7 +297,6 @@ TEST_F(Enrollee, ASearchIsAnsweredWithinItsLifetime) {
     Bytes frame;
     EXPECT_TRUE(next_wsc(&m1, &frame));
     EXPECT_EQ(m1.attributes.rf_bands.val, RFBands_5G);
-    IEEE19051_UninitList();
 }
 
 TEST_F(Enrollee, M2sAreOpenedSavedOrRefused) {
