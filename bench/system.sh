@@ -57,6 +57,9 @@ REG_MAC=02:00:00:00:00:0a
 
 W=$(mktemp -d /tmp/kestr-bench.XXXXXX)
 export EMU_BIN=$TOOLS EMU_LOGDIR=$W
+# The measuring program refuses to send from this namespace, the machine's.
+BENCH_HOST_NETNS=$(readlink /proc/self/ns/net) || exit 1
+export BENCH_HOST_NETNS
 source "$(dirname "$0")/../tools/emu/emu.sh"
 cleanup() {
     local rc=$?
