@@ -36,9 +36,16 @@ uint32_t run(void*) {
 
 }  // namespace
 
-void IEEE19051_MsgProcessStart() {
+void kestr::open_receive_socket() {
     char bridge[] = "br0";
     IEEE19051_MsgInit(bridge);
+    // Where the kernel will not filter, the type filter below still drops
+    // what no handler takes, as it always has.
+    receive_only_types(kFirstHandledType, kLastHandledType);
+}
+
+void IEEE19051_MsgProcessStart() {
+    kestr::open_receive_socket();
     if (msgThreadId == -1) {
         msgThreadIsRunning.store(1);
         msgThreadId = OS_TaskSpawnParam("msgProcess", run, nullptr, nullptr);
@@ -61,8 +68,7 @@ void handle_msg(u_int8_t* msg, int msglen) {
     if (msg == nullptr)
         return;
     const int type = kestr::FrameView(msg, msglen < 0 ? 0 : static_cast<size_t>(msglen)).type();
-    if (type >= IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_SEARCH &&
-        type <= IEEE1905_MSG_TYPE_AP_AUTOCONFIGURATION_RENEW) {
+    if (type >= kestr::kFirstHandledType && type <= kestr::kLastHandledType) {
         IEEE19051_MsgApcloneProcess(type, msg, msglen);
     }
 }

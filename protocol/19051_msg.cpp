@@ -4,6 +4,7 @@
 #include "protocol/19051_msg.h"
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <net/if_arp.h>
@@ -110,6 +111,33 @@ int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType) {
         return -1;
     }
     return fd.release();
+}
+
+// A classic socket filter, run by the kernel on every frame before it is
+// queued. It keeps out only CMDUs the reader would pass and its caller drop
+// without a word: at least 25 bytes, message version 0, a type outside
+// first..last. A frame the reader refuses with a line (too short, another
+// version) still reaches it, and so does one of a type the caller takes.
+int kestr::receive_only_types(int first, int last) {
+    if (sock < 0 || first < 0 || last < first || last > 0xFFFF)
+        return -1;
+    constexpr uint32_t kKeep = 0xFFFFFFFF;  // the whole frame
+    const auto u = [](int v) { return static_cast<uint32_t>(v); };
+    struct sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),                           // 0: A = frame length
+        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, u(kCmduMinFrameLen), 0, 5),  // 1: short: keep (7)
+        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 14),                          // 2: A = version
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0, 0, 3),                    // 3: not 0: keep (7)
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 16),                          // 4: A = type
+        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, u(first), 0, 2),             // 5: below: drop (8)
+        BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, u(last), 1, 0),              // 6: above: drop (8)
+        BPF_STMT(BPF_RET | BPF_K, kKeep),                                // 7: keep
+        BPF_STMT(BPF_RET | BPF_K, 0),                                    // 8: drop
+    };
+    struct sock_fprog program {};
+    program.len = static_cast<unsigned short>(sizeof code / sizeof code[0]);
+    program.filter = code;
+    return setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0 ? 0 : -1;
 }
 
 int IEEE19051_RecvMsg(const char* /*ifName*/, uint8_t* buf, int buf_len, unsigned int timeout_sec) {
