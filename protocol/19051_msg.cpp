@@ -29,12 +29,19 @@ namespace {
 // before the receive task starts and after it has been joined.
 int sock = -1;
 
-// The receive task runs key agreements inline (tens of milliseconds here,
-// far longer on a small CPU), and frames that arrive meanwhile wait in the
-// socket. The system default holds under a hundred frames, a few dozen
-// milliseconds of a busy link, after which the kernel drops whatever comes,
-// the M2 a run waits for included. This holds several hundred full frames.
-constexpr int kReceiveBufferBytes = 1 << 20;
+// The receive queue holds the work the receive task can still do in time.
+// Frames wait in it while the task runs a handler, and the costliest frame
+// is an M1: a key agreement of about 1 ms on a desktop processor, several on
+// a small one. A request that arrives behind a full queue is useful only if
+// it is answered within its lifetime (3 whole seconds, at least 2 s) with
+// time left for the rest of its exchange; a longer queue only makes every
+// answer late. The kernel counts twice what is asked, and 1,280 bytes for an
+// M1-sized frame (2,304 for a full one): 160 KiB asked holds 256 M1s, a
+// quarter of a second of key agreements here and within the 2 s on a
+// processor eight times slower, and still ten times the frames that junk at
+// 20,000 frames/s brings while one key agreement runs. Frames of types no
+// handler takes do not count: the kernel keeps them out.
+constexpr int kReceiveBufferBytes = 160 << 10;
 
 // An interface request naming `name`, cut to IFNAMSIZ - 1 characters.
 void name_request(struct ifreq* ifr, const char* name) {
@@ -74,8 +81,9 @@ int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType) {
         std::fprintf(stderr, "%s: socket(): %s, try running with sudo.\n", fn, strerror(errno));
         return -1;
     }
-    // Beyond the system's cap where the daemon may (it runs as root), within
-    // it otherwise; a smaller queue still works, so neither is an error.
+    // Beyond the system's cap where the daemon may (it runs as root; a small
+    // device's cap can be lower than this), within it otherwise; a smaller
+    // queue still works, so neither is an error.
     if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBufferBytes,
                    sizeof kReceiveBufferBytes) != 0) {
         setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &kReceiveBufferBytes,
