@@ -61,6 +61,8 @@ void IEEE19051_MsgProcessStart() {
 
 void IEEE19051_MsgProcessEnd() {
     msgThreadIsRunning.store(0);
+    // The task leaves its wait for a frame at once, without its time-out.
+    kestr::wake_receive();
     if (msgThreadId != -1) {
         OS_TaskJoin(msgThreadId);
         OS_TaskDelete(msgThreadId);

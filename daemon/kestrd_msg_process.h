@@ -13,7 +13,8 @@ extern std::atomic<int> msgThreadIsRunning;
 
 // Opens the receive socket on br0 and starts the task.
 void IEEE19051_MsgProcessStart();
-// Stops and joins the task (within one 1 s read time-out), then closes the socket.
+// Stops the task, waking it from its wait for a frame, joins it once its
+// current frame is done, then closes the socket.
 void IEEE19051_MsgProcessEnd();
 // The type filter: AP-autoconfiguration messages (types 7 to 10) go to the
 // role's handlers, everything else is dropped.

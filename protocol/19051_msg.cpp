@@ -8,6 +8,7 @@
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <net/if_arp.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,8 +27,12 @@
 namespace {
 
 // The receive socket. Written only by MsgInit/MsgUninit on the main thread,
-// before the receive task starts and after it has been joined.
+// before the receive task starts and after it has been joined; so is `wake`.
 int sock = -1;
+// Readable once the reader is to stop waiting: it ends any wait for a frame
+// at once, and every wait after it, until the socket is closed. Opened and
+// closed with the socket; written from any thread (kestr::wake_receive).
+int wake = -1;
 
 // The receive queue holds the work the receive task can still do in time.
 // Frames wait in it while the task runs a handler, and the costliest frame
@@ -53,6 +58,9 @@ void name_request(struct ifreq* ifr, const char* name) {
 
 void IEEE19051_MsgInit(char* interface) {
     sock = IEEE19051_RecvSockCreate(interface, kIeee1905EtherType);
+    // Without it a wait ends only by its time-out, as it always did.
+    if (sock != -1 && wake == -1)
+        wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
 
 void IEEE19051_MsgUninit() {
@@ -60,6 +68,19 @@ void IEEE19051_MsgUninit() {
         close(sock);
         sock = -1;
     }
+    if (wake != -1) {
+        close(wake);
+        wake = -1;
+    }
+}
+
+void kestr::wake_receive() {
+    if (wake == -1)
+        return;
+    const uint64_t one = 1;
+    // Fails only on a full counter, and a full counter is readable.
+    const ssize_t written = write(wake, &one, sizeof one);
+    static_cast<void>(written);
 }
 
 int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType) {
@@ -154,7 +175,7 @@ int IEEE19051_RecvMsg(const char* /*ifName*/, uint8_t* buf, int buf_len, unsigne
         return -1;
     if (buf == nullptr || buf_len <= 0)
         return -1;
-    if (read_timeout(sock, timeout_sec) != 0)
+    if (read_timeout_or_wake(sock, wake, timeout_sec) != 0)
         return -1;
 
     const ssize_t n = read(sock, buf, static_cast<size_t>(buf_len));

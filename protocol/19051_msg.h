@@ -30,6 +30,12 @@ namespace kestr {
 // socket or the kernel refused the filter (every frame then reaches the
 // reader, as without it).
 int receive_only_types(int first, int last);
+
+// Ends the reader's wait for a frame at once, and every later wait until the
+// receive socket is closed: IEEE19051_RecvMsg returns -1 without a word, as
+// on a time-out. For stopping the reader; safe from any thread while the
+// socket is open.
+void wake_receive();
 }  // namespace kestr
 
 // Send path: fill the addressing record, then send one built frame, padded
