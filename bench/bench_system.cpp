@@ -11,9 +11,9 @@
 //       multicasts junk 1905.1 frames on br0 at a fixed rate until SIGTERM.
 //   m1s --to MAC --count N [--rounds R]
 //       N enrollees at once: N M1s in one go, each M2 timed against its M1.
-//   burst --to MAC --count N [--rounds R] [--watch PID]
-//       N M1s back to back and at once a Search: how long the registrar
-//       goes on answering, and when the Search gets its Response.
+//   burst --to MAC --count N [--rounds R] [--watch PID] [--search-after MS]
+//       N M1s back to back and a Search MS (200) after them: how long the
+//       registrar goes on answering, and when the Search gets its Response.
 //
 // Every frame is built by the daemon's own builders and WSC encoder
 // (system_frames). Figures go to standard output as "name value" lines,
@@ -42,6 +42,7 @@ int main(int argc, char** argv) {
                  "[--sample-at MS] [--limit S] -- KESTRD WORD\n"
                  "       kestr_bench_system junk --kind version|ignored|wsc --rate PER_SECOND\n"
                  "       kestr_bench_system m1s --to MAC --count N [--rounds R]\n"
-                 "       kestr_bench_system burst --to MAC --count N [--rounds R] [--watch PID]\n");
+                 "       kestr_bench_system burst --to MAC --count N [--rounds R] [--watch PID] "
+                 "[--search-after MS]\n");
     return 2;
 }

@@ -287,7 +287,7 @@ done
 row "registrar busy after $(rate_text $BURST) M1s (median)" "-" ms burst_busy_ms
 row "  M2s it sent for them (median)" "-" plain burst_m2s
 row "  its receive queue at most (KiB)" "-" plain burst_queue_peak_kb
-row "Search right after the burst answered in" "<= 0.5 s" search_cell
+row "Search 0.2 s after the burst answered in" "<= 0.5 s" search_cell
 row "registrar Rss / Private_Dirty, idle" "-" kib reg_idle
 row "registrar, after serving" "-" kib reg_served
 row "registrar, after the bursts" "-" kib reg_burst

@@ -11,7 +11,7 @@ namespace kbench {
 int enrollee(const Args& a);
 
 // A third device's junk, many enrollees' M1s at once, and a burst of M1s
-// followed by a Search (system_load.cpp).
+// with a Search after it (system_load.cpp).
 int junk(const Args& a);
 int m1s(const Args& a);
 int burst(const Args& a);
