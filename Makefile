@@ -12,7 +12,7 @@ export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 FUZZ_SECONDS ?= 60
 FUZZ_CI_SECONDS ?= 15
 
-.PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian valgrind bench \
+.PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian valgrind bench bench-system \
 	size install clean fuzz fuzz-build fuzz-ci
 
 all: build
@@ -97,6 +97,16 @@ bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKESTR_BUILD_TESTS=OFF -DKESTR_BUILD_BENCH=ON
 	cmake --build build-bench -j$(JOBS)
 	@for b in build-bench/bin/bench_*; do [ -x "$$b" ] && "$$b" || exit 1; done
+
+# kestrd on emulated devices, measured from outside; see bench/system.sh.
+# BENCH_BIN=DIR measures the kestrd in DIR instead of this tree's;
+# BENCH_BEFORE=DIR adds a column for another build's kestrd, measured in the
+# same run; BENCH_QUICK=1 makes fewer runs. Needs root.
+bench-system: deps
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKESTR_BUILD_TESTS=OFF -DKESTR_BUILD_BENCH=ON
+	cmake --build build-bench -j$(JOBS) --target kestrd xmldbd xmldbc kestr_bench_system
+	bench/system.sh $(if $(BENCH_QUICK),--quick) build-bench/bin \
+	  $(if $(BENCH_BEFORE),before=$(BENCH_BEFORE)) current=$(or $(BENCH_BIN),build-bench/bin)
 
 # Stripped size of kestrd and of the shared libraries it needs, from a
 # size-optimised build without tests (SIZE_TOOLCHAIN=cmake/... measures a

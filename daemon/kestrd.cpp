@@ -1,8 +1,8 @@
 #include "daemon/kestrd.h"
 
 #include <syslog.h>
-#include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,7 +21,9 @@ namespace {
 
 // Facility code 25 shifted left by three, as the device's log setup expects.
 constexpr int kLogFacility = 200;
-constexpr useconds_t kRunPollMicros = 500000;
+// The longest the main thread waits before it looks at the run again; the
+// end of the run wakes it at once.
+constexpr std::chrono::milliseconds kRunPoll{500};
 constexpr int kMaxArgs = 32;
 constexpr const char* kRegistrarWord = "apclone_deamon";
 
@@ -85,7 +87,10 @@ int main(int argc, char** argv) {
     }
 
     while (apclone_deamon != 0 || kestr::run_state.process_completed.load() == 0)
-        usleep(kRunPollMicros);
+        kestr::run_state.wait_for_end(kRunPoll);
+
+    // Each stop below wakes its task's wait, so the process ends as soon as
+    // the current frame and the watcher's current pass are done.
 
     IEEE19051_MsgProcessEnd();
     IEEE19051_UninitList();

@@ -1,9 +1,10 @@
 #include "daemon/kestrd_request_list.h"
 
 #include <pthread.h>
-#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstring>
 #include <mutex>
@@ -22,6 +23,9 @@ pthread_mutex_t listLock = PTHREAD_MUTEX_INITIALIZER;
 int isInited = 0;
 int threadId = -1;
 std::atomic<int> threadIsRunning{0};
+// The watcher's one-second wait between passes, which its stop cuts short.
+std::mutex g_watcher_lock;
+std::condition_variable g_watcher_stop;
 
 std::mutex g_request_use;
 
@@ -128,7 +132,8 @@ bool expired(const IEEE19051_Info_t& info, const struct timespec& now) {
 
 // The watcher. The lock is dropped around each timeout handler, which may
 // delete its own record (and only that one): the walk goes on from the
-// successor noted before the call.
+// successor noted before the call. Between passes it waits a second, or
+// until it is stopped.
 uint32_t run(void*) {
     while (threadIsRunning.load() != 0) {
         lock();
@@ -151,7 +156,9 @@ uint32_t run(void*) {
             n = next;
         }
         unlock();
-        sleep(1);
+        std::unique_lock<std::mutex> wait(g_watcher_lock);
+        g_watcher_stop.wait_for(wait, std::chrono::seconds(1),
+                                [] { return threadIsRunning.load() == 0; });
     }
     return 0;
 }
@@ -166,7 +173,12 @@ void createThread() {
 }
 
 void deleteThread() {
-    threadIsRunning.store(0);
+    {
+        // Under the wait's lock, so a watcher about to wait sees it first.
+        std::lock_guard<std::mutex> hold(g_watcher_lock);
+        threadIsRunning.store(0);
+    }
+    g_watcher_stop.notify_all();
     if (threadId != -1) {
         OS_TaskJoin(threadId);
         OS_TaskDelete(threadId);

@@ -8,8 +8,23 @@
 
 kestr::RunState kestr::run_state;
 
+void kestr::RunState::end(int state) {
+    {
+        // Stored under the lock, so a wait that has just found the run going
+        // on is already waiting when the news comes.
+        std::lock_guard<std::mutex> hold(lock_);
+        process_completed.store(state);
+    }
+    ended_.notify_all();
+}
+
+bool kestr::RunState::wait_for_end(std::chrono::milliseconds bound) {
+    std::unique_lock<std::mutex> hold(lock_);
+    return ended_.wait_for(hold, bound, [this] { return process_completed.load() != 0; });
+}
+
 void setProcessState(int state) {
-    kestr::run_state.process_completed.store(state);
+    kestr::run_state.end(state);
 }
 
 void releaseRequestRecord(IEEE19051_Info_t* info) {

@@ -7,12 +7,16 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 
 #include "daemon/kestrd_request_list.h"
 
 namespace kestr {
 
-// The run-state words, each written by one thread and read by another.
+// The run-state words, each written by one thread and read by another, and
+// the end of the run, which the main thread waits for.
 struct RunState {
     // 0 while the run goes on; 1 when it ended without an M2; 2 when it
     // ended after an M2 was handled. The main thread ends the process when
@@ -25,6 +29,17 @@ struct RunState {
     // M1 requests recorded: a run whose Responses all failed to start a
     // registration has none, and ends when its Search expires.
     std::atomic<int> m1_recorded{0};
+
+    // Stores `state` in process_completed (setProcessState) and, when it
+    // ends the run, wakes the main thread's wait at once.
+    void end(int state);
+    // The main thread's wait: until the run has ended or `bound` has passed.
+    // Whether it has ended.
+    bool wait_for_end(std::chrono::milliseconds bound);
+
+  private:
+    std::mutex lock_;
+    std::condition_variable ended_;
 };
 extern RunState run_state;
 

@@ -4,9 +4,11 @@
 #include "protocol/19051_msg.h"
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <net/if_arp.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -25,15 +27,26 @@
 namespace {
 
 // The receive socket. Written only by MsgInit/MsgUninit on the main thread,
-// before the receive task starts and after it has been joined.
+// before the receive task starts and after it has been joined; so is `wake`.
 int sock = -1;
+// Readable once the reader is to stop waiting: it ends any wait for a frame
+// at once, and every wait after it, until the socket is closed. Opened and
+// closed with the socket; written from any thread (kestr::wake_receive).
+int wake = -1;
 
-// The receive task runs key agreements inline (tens of milliseconds here,
-// far longer on a small CPU), and frames that arrive meanwhile wait in the
-// socket. The system default holds under a hundred frames, a few dozen
-// milliseconds of a busy link, after which the kernel drops whatever comes,
-// the M2 a run waits for included. This holds several hundred full frames.
-constexpr int kReceiveBufferBytes = 1 << 20;
+// The receive queue holds the work the receive task can still do in time.
+// Frames wait in it while the task runs a handler, and the costliest frame
+// is an M1: a key agreement of about 1 ms on a desktop processor, several on
+// a small one. A request that arrives behind a full queue is useful only if
+// it is answered within its lifetime (3 whole seconds, at least 2 s) with
+// time left for the rest of its exchange; a longer queue only makes every
+// answer late. The kernel counts twice what is asked, and 1,280 bytes for an
+// M1-sized frame (2,304 for a full one): 160 KiB asked holds 256 M1s, a
+// quarter of a second of key agreements here and within the 2 s on a
+// processor eight times slower, and still ten times the frames that junk at
+// 20,000 frames/s brings while one key agreement runs. Frames of types no
+// handler takes do not count: the kernel keeps them out.
+constexpr int kReceiveBufferBytes = 160 << 10;
 
 // An interface request naming `name`, cut to IFNAMSIZ - 1 characters.
 void name_request(struct ifreq* ifr, const char* name) {
@@ -45,6 +58,9 @@ void name_request(struct ifreq* ifr, const char* name) {
 
 void IEEE19051_MsgInit(char* interface) {
     sock = IEEE19051_RecvSockCreate(interface, kIeee1905EtherType);
+    // Without it a wait ends only by its time-out, as it always did.
+    if (sock != -1 && wake == -1)
+        wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
 
 void IEEE19051_MsgUninit() {
@@ -52,6 +68,19 @@ void IEEE19051_MsgUninit() {
         close(sock);
         sock = -1;
     }
+    if (wake != -1) {
+        close(wake);
+        wake = -1;
+    }
+}
+
+void kestr::wake_receive() {
+    if (wake == -1)
+        return;
+    const uint64_t one = 1;
+    // Fails only on a full counter, and a full counter is readable.
+    const ssize_t written = write(wake, &one, sizeof one);
+    static_cast<void>(written);
 }
 
 int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType) {
@@ -73,8 +102,9 @@ int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType) {
         std::fprintf(stderr, "%s: socket(): %s, try running with sudo.\n", fn, strerror(errno));
         return -1;
     }
-    // Beyond the system's cap where the daemon may (it runs as root), within
-    // it otherwise; a smaller queue still works, so neither is an error.
+    // Beyond the system's cap where the daemon may (it runs as root; a small
+    // device's cap can be lower than this), within it otherwise; a smaller
+    // queue still works, so neither is an error.
     if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBufferBytes,
                    sizeof kReceiveBufferBytes) != 0) {
         setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &kReceiveBufferBytes,
@@ -112,13 +142,40 @@ int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType) {
     return fd.release();
 }
 
+// A classic socket filter, run by the kernel on every frame before it is
+// queued. It keeps out only CMDUs the reader would pass and its caller drop
+// without a word: at least 25 bytes, message version 0, a type outside
+// first..last. A frame the reader refuses with a line (too short, another
+// version) still reaches it, and so does one of a type the caller takes.
+int kestr::receive_only_types(int first, int last) {
+    if (sock < 0 || first < 0 || last < first || last > 0xFFFF)
+        return -1;
+    constexpr uint32_t kKeep = 0xFFFFFFFF;  // the whole frame
+    const auto u = [](int v) { return static_cast<uint32_t>(v); };
+    struct sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),                           // 0: A = frame length
+        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, u(kCmduMinFrameLen), 0, 5),  // 1: short: keep (7)
+        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 14),                          // 2: A = version
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0, 0, 3),                    // 3: not 0: keep (7)
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 16),                          // 4: A = type
+        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, u(first), 0, 2),             // 5: below: drop (8)
+        BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, u(last), 1, 0),              // 6: above: drop (8)
+        BPF_STMT(BPF_RET | BPF_K, kKeep),                                // 7: keep
+        BPF_STMT(BPF_RET | BPF_K, 0),                                    // 8: drop
+    };
+    struct sock_fprog program {};
+    program.len = static_cast<unsigned short>(sizeof code / sizeof code[0]);
+    program.filter = code;
+    return setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0 ? 0 : -1;
+}
+
 int IEEE19051_RecvMsg(const char* /*ifName*/, uint8_t* buf, int buf_len, unsigned int timeout_sec) {
     static const char* const fn = "IEEE19051_RecvMsg";
     if (sock < 0)
         return -1;
     if (buf == nullptr || buf_len <= 0)
         return -1;
-    if (read_timeout(sock, timeout_sec) != 0)
+    if (read_timeout_or_wake(sock, wake, timeout_sec) != 0)
         return -1;
 
     const ssize_t n = read(sock, buf, static_cast<size_t>(buf_len));

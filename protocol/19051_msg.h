@@ -22,6 +22,22 @@ int32_t IEEE19051_RecvSockCreate(const char* ifName, uint16_t etherType);
 // length (>= 25) and version (0). Its length, or -1.
 int IEEE19051_RecvMsg(const char* ifName, uint8_t* buf, int buf_len, unsigned int timeout_sec);
 
+namespace kestr {
+// Keeps CMDUs that the reader would pass and the caller would drop unread
+// out of the receive socket, in the kernel: those of message version 0, at
+// least 25 bytes long, whose type lies outside `first`..`last`. Frames the
+// reader refuses with a line still reach it. 0, or -1 when there is no
+// socket or the kernel refused the filter (every frame then reaches the
+// reader, as without it).
+int receive_only_types(int first, int last);
+
+// Ends the reader's wait for a frame at once, and every later wait until the
+// receive socket is closed: IEEE19051_RecvMsg returns -1 without a word, as
+// on a time-out. For stopping the reader; safe from any thread while the
+// socket is open.
+void wake_receive();
+}  // namespace kestr
+
 // Send path: fill the addressing record, then send one built frame, padded
 // with zeros to 60 bytes when shorter.
 int fillParam(param_t* pparam, int sockfd, const char* da_str, const char* tx_interface,

@@ -12,5 +12,10 @@ struct timespec getSysRunningTime();
 // read to block.
 int read_timeout(int fd, unsigned int wait_seconds);
 
+// The same wait, cut short when `wake_fd` becomes readable: -1 with errno
+// ECANCELED then, even if `fd` is readable too. A negative `wake_fd` makes
+// it read_timeout.
+int read_timeout_or_wake(int fd, int wake_fd, unsigned int wait_seconds);
+
 // A number from 1 to 100, from the C library generator reseeded on each call.
 int get_random_number();
