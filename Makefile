@@ -12,8 +12,8 @@ export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 FUZZ_SECONDS ?= 60
 FUZZ_CI_SECONDS ?= 15
 
-.PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian valgrind bench bench-system \
-	size install clean fuzz fuzz-build fuzz-ci
+.PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian package valgrind \
+	bench bench-system size install clean fuzz fuzz-build fuzz-ci
 
 all: build
 
@@ -107,6 +107,10 @@ bench-system: deps
 	cmake --build build-bench -j$(JOBS) --target kestrd xmldbd xmldbc kestr_bench_system
 	bench/system.sh $(if $(BENCH_QUICK),--quick) build-bench/bin \
 	  $(if $(BENCH_BEFORE),before=$(BENCH_BEFORE)) current=$(or $(BENCH_BIN),build-bench/bin)
+
+# The Debian package of the native build: build/package/kestrd_VERSION_ARCH.deb.
+package: build
+	cd build && cpack -G DEB -B $(CURDIR)/build/package
 
 # Stripped size of kestrd and of the shared libraries it needs, from a
 # size-optimised build without tests (SIZE_TOOLCHAIN=cmake/... measures a
