@@ -12,8 +12,19 @@ export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 FUZZ_SECONDS ?= 60
 FUZZ_CI_SECONDS ?= 15
 
-.PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian valgrind bench bench-system \
-	size install clean fuzz fuzz-build fuzz-ci
+# Cross builds with Debian's cross compilers and the target's libraries
+# through multiarch (scripts/install-deps TARGET). `make test` runs the tests
+# of a big-endian target and of a little-endian 32-bit MIPS, as most access
+# points have, under qemu-user; `make test-cross` those of every target.
+CROSS_TARGETS := armhf arm64 mipsel s390x
+TEST_CROSS_TARGETS ?= s390x mipsel
+CROSS_TOOLCHAIN := $(CURDIR)/cmake/debian-cross.cmake
+# Targets are tested as the firmware build makes them: size-optimised, and
+# without debug information, which would double their compile time.
+CROSS_BUILD_TYPE ?= MinSizeRel
+
+.PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian test-cross cross \
+	package valgrind bench bench-system size install clean fuzz fuzz-build fuzz-ci
 
 all: build
 
@@ -34,15 +45,15 @@ demo: build
 # then AddressSanitizer + UndefinedBehaviorSanitizer in a build directory of
 # its own; then the threaded and the end-to-end tests once more under
 # ThreadSanitizer, which so watches the real daemon's tasks during clones;
-# then everything built for a big-endian processor with the tests that need
-# no namespace run under an emulator; last, every fuzz target for a short,
+# then the cross builds of TEST_CROSS_TARGETS under an emulator, each also
+# cloning with this machine's build; last, every fuzz target for a short,
 # bounded time.
 test: deps
 	scripts/install-deps valgrind
 	$(MAKE) test-plain
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
-	$(MAKE) test-bigendian
+	$(MAKE) $(addprefix test-cross-,$(TEST_CROSS_TARGETS))
 	$(MAKE) fuzz-ci
 
 test-plain:
@@ -68,16 +79,39 @@ valgrind: deps
 	cmake --build build -j$(JOBS)
 	cd build && ctest --output-on-failure -L valgrind
 
-# Cross build for s390x (big-endian, like the devices) and a run of every
-# test under qemu-user. Tests that build namespaces or start helper programs
-# skip themselves (KESTR_TEST_NO_NAMESPACES); the end-to-end scripts and the
-# memcheck run need real devices and are left out.
-test-bigendian:
-	scripts/install-deps s390x
-	cmake -S . -B build-s390x -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) \
-	  -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/s390x-linux-gnu.cmake
-	cmake --build build-s390x -j$(JOBS)
-	cd build-s390x && KESTR_TEST_NO_NAMESPACES=1 ctest --output-on-failure -j$(JOBS) -LE 'e2e|valgrind'
+# One target's build with its tests, run under qemu-user in build-TARGET/.
+# Tests that build namespaces or start helper programs skip themselves
+# (KESTR_TEST_NO_NAMESPACES); instead the target's kestrd clones both bands
+# with this machine's on emulated devices, both ways round (the cross rows
+# of tests/e2e/scenarios.sh).
+test-cross-%: build
+	scripts/install-deps $*
+	cmake -S . -B build-$* -DCMAKE_BUILD_TYPE=$(CROSS_BUILD_TYPE) -DCMAKE_TOOLCHAIN_FILE=$(CROSS_TOOLCHAIN) \
+	  -DKESTR_TARGET=$* -DKESTR_HOST_BIN_DIR=$(CURDIR)/build/bin
+	cmake --build build-$* -j$(JOBS)
+	cd build-$* && KESTR_TEST_NO_NAMESPACES=1 ctest --output-on-failure -j$(JOBS) -LE 'e2e|valgrind'
+
+test-cross: $(addprefix test-cross-,$(CROSS_TARGETS))
+test-bigendian: test-cross-s390x
+
+# A firmware build for TARGET: size-optimised, no tests, staged with
+# `cmake --install` into build-cross-TARGET/stage as a root file system
+# takes it (kestrd, its manual page, the registrar's init script), then its
+# flash cost. Installs nothing: a missing package stops it with the command
+# that installs it.
+cross:
+	$(if $(filter-out 1,$(words $(TARGET)))$(filter-out $(CROSS_TARGETS),$(TARGET)),$(error \
+	  TARGET='$(TARGET)': make cross TARGET=armhf|arm64|mipsel|s390x))
+	$(if $(shell scripts/install-deps --check $(TARGET) 2>&1),$(error make cross: \
+	  $(shell scripts/install-deps --check $(TARGET) 2>&1)))
+	rm -rf build-cross-$(TARGET)/stage
+	cmake -S . -B build-cross-$(TARGET) -DCMAKE_TOOLCHAIN_FILE=$(CROSS_TOOLCHAIN) -DKESTR_TARGET=$(TARGET) \
+	  -DCMAKE_BUILD_TYPE=MinSizeRel -DCMAKE_INSTALL_PREFIX=/usr -DKESTR_BUILD_TESTS=OFF \
+	  -DKESTR_INSTALL_XMLDB=OFF -DKESTR_INSTALL_SYSTEMD_UNIT=OFF
+	cmake --build build-cross-$(TARGET) -j$(JOBS)
+	DESTDIR=$(CURDIR)/build-cross-$(TARGET)/stage cmake --install build-cross-$(TARGET) --strip
+	@cd build-cross-$(TARGET)/stage && find . -type f | sort
+	scripts/size-report build-cross-$(TARGET)
 
 # libFuzzer targets (clang, ASan + UBSan) in build-fuzz/, each run for
 # FUZZ_SECONDS in namespaces of its own, seeding its corpus from the
@@ -108,14 +142,17 @@ bench-system: deps
 	bench/system.sh $(if $(BENCH_QUICK),--quick) build-bench/bin \
 	  $(if $(BENCH_BEFORE),before=$(BENCH_BEFORE)) current=$(or $(BENCH_BIN),build-bench/bin)
 
+# The Debian package of the native build: build/package/kestrd_VERSION_ARCH.deb.
+package: build
+	cd build && cpack -G DEB -B $(CURDIR)/build/package
+
 # Stripped size of kestrd and of the shared libraries it needs, from a
-# size-optimised build without tests (SIZE_TOOLCHAIN=cmake/... measures a
-# cross build instead).
+# size-optimised native build without tests, beside every target that
+# `make cross` has built.
 size: deps
-	cmake -S . -B build-size -DCMAKE_BUILD_TYPE=MinSizeRel -DKESTR_BUILD_TESTS=OFF \
-	  -DKESTR_INSTALL_XMLDB=OFF $(if $(SIZE_TOOLCHAIN),-DCMAKE_TOOLCHAIN_FILE=$(abspath $(SIZE_TOOLCHAIN)))
+	cmake -S . -B build-size -DCMAKE_BUILD_TYPE=MinSizeRel -DKESTR_BUILD_TESTS=OFF -DKESTR_INSTALL_XMLDB=OFF
 	cmake --build build-size -j$(JOBS) --target kestrd
-	scripts/size-report build-size
+	scripts/size-report build-size $(wildcard $(addprefix build-cross-,$(CROSS_TARGETS)))
 
 # Installs into DESTDIR (a staging directory) under PREFIX.
 PREFIX ?= /usr/local
@@ -123,4 +160,5 @@ install: build
 	DESTDIR=$(DESTDIR) cmake --install build --prefix $(PREFIX)
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-s390x build-size build-fuzz
+	rm -rf build build-asan build-tsan build-bench build-size build-fuzz \
+	  $(addprefix build-,$(CROSS_TARGETS)) $(addprefix build-cross-,$(CROSS_TARGETS))

@@ -7,7 +7,9 @@
 # disturbs the run (a function run before the enrollee's runs), and the
 # enrollee runs with the outcome each must end with. After every run that
 # completes, the entry the enrollee saved must be exactly the registrar's
-# settings for that band.
+# settings for that band. A device marked + runs a cross build's kestrd,
+# xmldbd and xmldbc (CROSS_BIN) through its emulator (CROSS_RUN): the cross
+# rows run in a cross build's CTest, beside this machine's build (EMU_BIN).
 source "$(dirname "$0")/lib.sh"
 
 #    row                devices          registrar  disturbance  runs (WORD=OUTCOME)
@@ -19,6 +21,8 @@ ROWS=(
     "hostile-flood      reg,enr,junk     yes        flood        24G=completed 5G=completed 24G=completed 5G=completed"
     "lock-holder-killed reg,enr          yes        lock_holder  24G=completed"
     "memcheck           reg,enr          yes        memcheck     24G=completed"
+    "cross-registrar    reg+,enr         yes        capture      24G=completed 5G=completed"
+    "cross-enrollee     reg,enr+         yes        capture      24G=completed 5G=completed"
 )
 
 declare -A OUTCOME=(
@@ -168,7 +172,19 @@ for r in "${ROWS[@]}"; do [ "${r%% *}" = "${1:-}" ] && row=$r; done
 [ -n "$row" ] || { echo "usage: scenarios.sh ROW (one of: ${ROWS[*]%% *})"; exit 2; }
 read -r _ devices registrar disturbance runs <<<"$row"
 e2e_init
-for d in ${devices//,/ }; do emu_add "$d" "$SEEDS/${SEED[$d]}" "${MAC[$d]}" || fail "device $d"; done
+for d in ${devices//,/ }; do
+    bin=$EMU_BIN
+    if [ "${d%+}" != "$d" ]; then
+        d=${d%+} bin=$E2E_DIR/target
+        [ -n "${CROSS_BIN:-}" ] && [ -n "${CROSS_RUN:-}" ] || fail "a cross row needs CROSS_BIN, CROSS_RUN"
+        mkdir -p "$bin"
+        for p in kestrd xmldbd xmldbc; do
+            printf '#!/bin/sh\nexec %s %s "$@"\n' "$CROSS_RUN" "$CROSS_BIN/$p" >"$bin/$p"
+            chmod +x "$bin/$p"
+        done
+    fi
+    EMU_BIN=$bin emu_add "$d" "$SEEDS/${SEED[$d]}" "${MAC[$d]}" || fail "device $d"
+done
 [ "$registrar" = no ] || start_registrar reg "$E2E_DIR/registrar.log"
 RUNS=0
 read -r -a RUN_LIST <<<"${runs/#-/}"

@@ -43,7 +43,8 @@ for f in "${pages[@]}"; do
     fi
 done
 unexpected=$(cd "$stage" && find . -type f | grep -v -e '^./usr/sbin/kestrd$' -e '^./usr/bin/xmldb[dc]$' \
-    -e '^./usr/share/man/man[18]/')
+    -e '^./usr/share/man/man[18]/' -e '^./etc/init.d/kestrd-registrar$' \
+    -e '^./usr/lib/systemd/system/kestrd-registrar.service$')
 [ -z "$unexpected" ] || fail "unexpected files installed: $unexpected"
 
 # The installed programs run from the staging tree: nothing points back

@@ -12,7 +12,9 @@
 # host's links or the host's shared memory.
 #
 #   emu_init                         pick a session name, arm teardown traps
-#   emu_add NAME SEED.xml [MAC]      bring up one device (br0 gets MAC if given)
+#   emu_add NAME SEED.xml [MAC]      bring up one device (br0 gets MAC if given);
+#                                    its xmldbd and xmldbc are those in EMU_BIN
+#                                    at this moment (emu_bin NAME names it)
 #   emu_exec NAME CMD...             run a command inside a device
 #   emu_bg NAME LOGFILE CMD...       the same in the background; sets EMU_BG_PID
 #   emu_db NAME ARGS...              xmldbc inside a device
@@ -28,6 +30,7 @@ EMU_SESSION=${EMU_SESSION:-}
 declare -gA EMU_PID=()      # device name -> pid of the holder of its namespaces
 declare -gA EMU_DB_PID=()   # device name -> pid of its xmldbd
 declare -gA EMU_SEED=()     # device name -> its seed file
+declare -gA EMU_DEV_BIN=()  # device name -> directory of its xmldbd and xmldbc
 declare -ga EMU_DEVICES=()
 declare -ga EMU_BG_PIDS=()
 EMU_CAPTURE_PID=""
@@ -76,6 +79,7 @@ emu_add() {
         sh -c 'mount -t tmpfs -o size=8m tmpfs /var/run && exec sleep infinity' &
     EMU_PID[$name]=$!
     EMU_SEED[$name]=$(realpath "$seed")
+    EMU_DEV_BIN[$name]=$EMU_BIN
     local i
     for i in $(seq 1 100); do
         if [ "$(cat "/proc/${EMU_PID[$name]}/comm" 2>/dev/null)" = sleep ]; then
@@ -93,7 +97,7 @@ emu_db_start() {
     local name=$1
     local log="${EMU_LOGDIR:-/tmp}/$EMU_SESSION-$name-xmldbd.log"
     nsenter --target "${EMU_PID[$name]}" --mount --net --ipc -- \
-        "$EMU_BIN/xmldbd" -f "${EMU_SEED[$name]}" >>"$log" 2>&1 &
+        "$(emu_bin "$name")/xmldbd" -f "${EMU_SEED[$name]}" >>"$log" 2>&1 &
     EMU_DB_PID[$name]=$!
     # Up once it answers: a socket file may be left over from a daemon that
     # was killed, so its mere presence proves nothing.
@@ -134,8 +138,12 @@ emu_bg() {
 emu_db() {
     local name=$1
     shift
-    emu_exec "$name" "$EMU_BIN/xmldbc" "$@"
+    emu_exec "$name" "$(emu_bin "$name")/xmldbc" "$@"
 }
+
+# The programs of a device: one device may run another processor's build
+# (through an emulator) beside devices that run this machine's.
+emu_bin() { echo "${EMU_DEV_BIN[$1]:-$EMU_BIN}"; }
 
 emu_capture_start() {
     local file=$1
@@ -180,6 +188,7 @@ emu_down() {
     EMU_PID=()
     EMU_DB_PID=()
     EMU_SEED=()
+    EMU_DEV_BIN=()
     EMU_BG_PIDS=()
     EMU_SESSION=""
     trap - EXIT INT TERM
