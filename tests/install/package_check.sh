@@ -26,6 +26,10 @@ expect_eq "files" "$(dpkg --root="$root" -L kestrd | while read -r f; do
 /usr/lib/systemd/system/kestrd-registrar.service /usr/sbin/kestrd \
 /usr/share/man/man1/xmldbc.1 /usr/share/man/man8/kestrd.8 /usr/share/man/man8/xmldbd.8 "
 
+for page in "$root"/usr/share/man/man*/*; do
+    complaints=$(groff -ww -z -man "$page" 2>&1) && [ -z "$complaints" ] || fail "$page: $complaints"
+done
+
 # systemd takes the unit without a complaint (pointed at the installed kestrd).
 unit=$root/usr/lib/systemd/system/kestrd-registrar.service
 if command -v systemd-analyze >/dev/null; then
