@@ -24,7 +24,7 @@ CROSS_TOOLCHAIN := $(CURDIR)/cmake/debian-cross.cmake
 CROSS_BUILD_TYPE ?= MinSizeRel
 
 .PHONY: all deps build demo test test-plain test-asan test-tsan test-bigendian test-cross cross \
-	package valgrind bench bench-system size install clean fuzz fuzz-build fuzz-ci
+	package bench bench-system size install clean fuzz fuzz-build fuzz-ci
 
 all: build
 
@@ -41,15 +41,13 @@ demo: build
 	scripts/install-deps capture
 	tools/demo.sh build
 
-# The whole suite twice: a plain build (with the memcheck run of a clone),
-# then AddressSanitizer + UndefinedBehaviorSanitizer in a build directory of
-# its own; then the threaded and the end-to-end tests once more under
+# The whole suite twice: a plain build, then AddressSanitizer +
+# UndefinedBehaviorSanitizer in a build directory of its own; then the threaded and the end-to-end tests once more under
 # ThreadSanitizer, which so watches the real daemon's tasks during clones;
 # then the cross builds of TEST_CROSS_TARGETS under an emulator, each also
 # cloning with this machine's build; last, every fuzz target for a short,
 # bounded time.
 test: deps
-	scripts/install-deps valgrind
 	$(MAKE) test-plain
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
@@ -71,14 +69,6 @@ test-tsan:
 	cmake --build build-tsan -j$(JOBS)
 	cd build-tsan && ctest --output-on-failure -j$(JOBS) -L 'threads|e2e'
 
-# Both roles under Valgrind's memcheck through real clones (also part of
-# test-plain).
-valgrind: deps
-	scripts/install-deps valgrind
-	cmake -S . -B build -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
-	cmake --build build -j$(JOBS)
-	cd build && ctest --output-on-failure -L valgrind
-
 # One target's build with its tests, run under qemu-user in build-TARGET/.
 # Tests that build namespaces or start helper programs skip themselves
 # (KESTR_TEST_NO_NAMESPACES); instead the target's kestrd clones both bands
@@ -89,7 +79,7 @@ test-cross-%: build
 	cmake -S . -B build-$* -DCMAKE_BUILD_TYPE=$(CROSS_BUILD_TYPE) -DCMAKE_TOOLCHAIN_FILE=$(CROSS_TOOLCHAIN) \
 	  -DKESTR_TARGET=$* -DKESTR_HOST_BIN_DIR=$(CURDIR)/build/bin
 	cmake --build build-$* -j$(JOBS)
-	cd build-$* && KESTR_TEST_NO_NAMESPACES=1 ctest --output-on-failure -j$(JOBS) -LE 'e2e|valgrind'
+	cd build-$* && KESTR_TEST_NO_NAMESPACES=1 ctest --output-on-failure -j$(JOBS) -LE e2e
 
 test-cross: $(addprefix test-cross-,$(CROSS_TARGETS))
 test-bigendian: test-cross-s390x

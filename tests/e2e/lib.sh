@@ -39,14 +39,14 @@ wait_for_line() {  # FILE TEXT SECONDS
 }
 
 start_registrar() {  # DEVICE LOG
-    emu_bg "$1" "$2" "${E2E_WRAP[@]}" "$(emu_bin "$1")/kestrd" apclone_deamon
+    emu_bg "$1" "$2" "$(emu_bin "$1")/kestrd" apclone_deamon
     REGISTRAR=$EMU_BG_PID
     wait_for_line "$2" "name:msgProcess" 30 || fail "registrar in $1 did not start"
 }
 
 # One enrollee run in device enr that must end by itself within 20 s.
 run_enrollee() {  # WORD LOG
-    emu_exec enr timeout 20 "${E2E_WRAP[@]}" "$(emu_bin enr)/kestrd" "$1" >"$2" 2>&1
+    emu_exec enr timeout 20 "$(emu_bin enr)/kestrd" "$1" >"$2" 2>&1
     local rc=$?
     [ $rc -eq 0 ] || fail "kestrd $1 exited with $rc"
 }
@@ -68,7 +68,6 @@ e2e_cleanup() {
 }
 
 e2e_init() {
-    E2E_WRAP=()
     emu_init || fail "cannot create emulated devices"
     trap 'e2e_cleanup' EXIT
 }

@@ -20,7 +20,6 @@ ROWS=(
     "database-dies      reg,enr          yes        db_dies      -"
     "hostile-flood      reg,enr,junk     yes        flood        24G=completed 5G=completed 24G=completed 5G=completed"
     "lock-holder-killed reg,enr          yes        lock_holder  24G=completed"
-    "memcheck           reg,enr          yes        memcheck     24G=completed"
     "cross-registrar    reg+,enr         yes        capture      24G=completed 5G=completed"
     "cross-enrollee     reg,enr+         yes        capture      24G=completed 5G=completed"
 )
@@ -114,18 +113,6 @@ lock_holder() {  # a process dies while it holds the device's identifier lock
     kill -KILL "$holder"
     wait "$enrollee" || fail "the held run exited with $?"
     expect_line "$E2E_DIR/held.log" "${OUTCOME[completed]}"
-    local held
-    held=$(sed -n 's/^peer: mid //p' "$E2E_DIR/holder.log")
-    expect_eq "next identifier" "$(emu_exec enr "$PEER" mid | sed -n 's/^peer: mid //p')" $((held + 3))
-}
-
-memcheck() {  # both roles under Valgrind's memcheck
-    [ -z "${KESTR_SANITIZE:-}" ] || { echo "skip: memcheck needs a build without sanitizers"; exit 77; }
-    command -v valgrind >/dev/null || { echo "skip: valgrind is not installed"; exit 77; }
-    E2E_WRAP=(valgrind -q --error-exitcode=99 --leak-check=full --show-leak-kinds=definite,indirect
-        --errors-for-leak-kinds=definite,indirect "--log-file=$E2E_DIR/memcheck-%p.log")
-    kill "$REGISTRAR"
-    start_registrar reg "$E2E_DIR/registrar-memcheck.log"
 }
 
 db_dies() {
@@ -191,10 +178,4 @@ read -r -a RUN_LIST <<<"${runs/#-/}"
 [ "$disturbance" = - ] || "$disturbance"
 for r in "${RUN_LIST[@]}"; do run "$r"; done
 if [ "$registrar" = yes ]; then kill -0 "$REGISTRAR" || fail "the registrar died"; fi
-if [ "$disturbance" = memcheck ]; then
-    kill "$REGISTRAR"
-    wait "$REGISTRAR" 2>/dev/null
-    sleep 1
-    for f in "$E2E_DIR"/memcheck-*.log; do [ -s "$f" ] && fail "memcheck: $(head -n 20 "$f")"; done
-fi
 echo "PASS"
