@@ -1,6 +1,5 @@
 #include "tests/support/xmldbd.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -16,7 +15,6 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <thread>
 
 #include "port/comlib/libxmldbc.h"
@@ -76,29 +74,20 @@ std::string seed_path(const std::string& name) {
     return std::string(KESTR_SOURCE_DIR) + "/tools/seeds/" + name;
 }
 
-XmldbdProcess::XmldbdProcess(const std::string& seed_file, XmldbdOptions options) {
-    std::vector<std::string> args = {tool_path("xmldbd"), "-s", options.socket_path};
+XmldbdProcess::XmldbdProcess(const std::string& seed_file) {
+    const std::string socket_path = "/var/run/xmldb_sock";
+    std::vector<std::string> args = {tool_path("xmldbd"), "-s", socket_path};
     if (!seed_file.empty()) {
         args.push_back("-f");
         args.push_back(seed_file);
     }
-    args.insert(args.end(), options.extra_args.begin(), options.extra_args.end());
     std::vector<char*> argv;
     for (auto& a : args)
         argv.push_back(a.data());
     argv.push_back(nullptr);
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (options.capture_stderr) {
-        stderr_file_ = temp_file("xmldbd-stderr");
-        posix_spawn_file_actions_addopen(&actions, 2, stderr_file_.c_str(),
-                                         O_WRONLY | O_TRUNC | O_CREAT, 0600);
-    }
-    const auto before = file_id(options.socket_path);
-    const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) {
+    const auto before = file_id(socket_path);
+    if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
         pid_ = -1;
         return;
     }
@@ -106,8 +95,8 @@ XmldbdProcess::XmldbdProcess(const std::string& seed_file, XmldbdOptions options
     // there before); one that exits (a refused seed, a socket in use) or takes
     // longer than five seconds is not.
     for (int i = 0; i < 500 && status_ < 0; ++i) {
-        const auto now = file_id(options.socket_path);
-        if (now.first != 0 && now != before && answers(options.socket_path)) {
+        const auto now = file_id(socket_path);
+        if (now.first != 0 && now != before && answers(socket_path)) {
             ready_ = served_ = true;
             return;
         }
@@ -116,11 +105,10 @@ XmldbdProcess::XmldbdProcess(const std::string& seed_file, XmldbdOptions options
     }
 }
 
-std::unique_ptr<XmldbdProcess> XmldbdProcess::with_xml(const std::string& xml,
-                                                       XmldbdOptions options) {
+std::unique_ptr<XmldbdProcess> XmldbdProcess::with_xml(const std::string& xml) {
     const std::string seed = temp_file("xmldbd-seed");
     std::ofstream(seed) << xml;
-    auto p = std::make_unique<XmldbdProcess>(seed, std::move(options));
+    auto p = std::make_unique<XmldbdProcess>(seed);
     p->seed_copy_ = seed;
     return p;
 }
@@ -163,15 +151,6 @@ XmldbdProcess::~XmldbdProcess() {
         ADD_FAILURE() << "xmldbd ended with status " << status;
     if (!seed_copy_.empty())
         unlink(seed_copy_.c_str());
-    if (!stderr_file_.empty())
-        unlink(stderr_file_.c_str());
-}
-
-std::string XmldbdProcess::stderr_text() const {
-    std::ifstream in(stderr_file_);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 std::string db_get(const std::string& path) {

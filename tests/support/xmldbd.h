@@ -10,7 +10,6 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace kestr::test {
 
@@ -18,37 +17,23 @@ namespace kestr::test {
 std::string tool_path(const std::string& name);  // "xmldbd" -> ".../build/bin/xmldbd"
 std::string seed_path(const std::string& name);  // "registrar.xml" -> ".../tools/seeds/..."
 
-struct XmldbdOptions {
-    std::string socket_path = "/var/run/xmldb_sock";
-    // Keep the daemon's standard error for stderr_text() instead of passing
-    // it through to the test's.
-    bool capture_stderr = false;
-    std::vector<std::string> extra_args;
-};
-
 class XmldbdProcess {
   public:
     // Starts the daemon with `seed_file` (none when empty) and waits until its
     // socket answers.
-    explicit XmldbdProcess(const std::string& seed_file = "", XmldbdOptions options = {});
+    explicit XmldbdProcess(const std::string& seed_file = "");
     ~XmldbdProcess();  // stops and reaps it, also when the test failed
     XmldbdProcess(const XmldbdProcess&) = delete;
     XmldbdProcess& operator=(const XmldbdProcess&) = delete;
 
     // Starts the daemon with an XML text as its seed.
-    static std::unique_ptr<XmldbdProcess> with_xml(const std::string& xml,
-                                                   XmldbdOptions options = {});
+    static std::unique_ptr<XmldbdProcess> with_xml(const std::string& xml);
 
     // True once the socket answered; false when the daemon exited or never
     // answered within a few seconds.
     bool ok() const { return ready_; }
-    pid_t pid() const { return pid_; }
     // SIGTERM, then the exit status (or 128 + signal). -1 if not running.
     int stop();
-    // Exit status of a daemon that ended on its own (e.g. a refused seed),
-    // -1 while it runs.
-    int exit_status() const { return status_; }
-    std::string stderr_text() const;
 
   private:
     void reap(bool wait);
@@ -58,7 +43,6 @@ class XmldbdProcess {
     bool served_ = false;
     int status_ = -1;
     std::string seed_copy_;
-    std::string stderr_file_;
 };
 
 // Reads and writes a node through the client library on the default socket.
