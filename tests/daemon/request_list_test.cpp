@@ -10,6 +10,7 @@
 #include <cstring>
 #include <mutex>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "daemon/kestrd_run.h"
@@ -52,9 +53,11 @@ class RequestList : public ::testing::Test {
 };
 
 TEST_F(RequestList, LookupsAndDeletesActOnTheOldestMatch) {
+    uint8_t right[16], wrong[16];
     auto extra = std::make_unique<RequestExtraDataM1_t>();
     for (int i = 0; i < 16; ++i)
-        extra->enrollee_nonce[i] = static_cast<uint8_t>(i + 1);
+        right[i] = wrong[i] = extra->enrollee_nonce[i] = static_cast<uint8_t>(i + 1);
+    wrong[15] ^= 1;  // the last byte counts too
     IEEE19051_AddRequestRecord(request(5, 7));
     auto m1 = request(5, 9);  // same identifier, newer, other type
     m1.destMac = mac(1);
@@ -67,28 +70,17 @@ TEST_F(RequestList, LookupsAndDeletesActOnTheOldestMatch) {
     ASSERT_EQ(IEEE19051_GetRequestRecordInfoByMid(9, 5, &got), 0);  // type takes no part
     EXPECT_EQ(got.msgType, 7);
     EXPECT_EQ(IEEE19051_GetRequestRecordInfoByMid(7, 1, &got), -1);
-
-    uint8_t right[16], wrong[16];
-    for (int i = 0; i < 16; ++i)
-        right[i] = wrong[i] = static_cast<uint8_t>(i + 1);
-    wrong[15] ^= 1;  // the last byte counts too
-    struct Case {
-        const char* what;
-        uint8_t* nonce;
-        int type;
-        struct ether_addr peer;
-        int mid;  // found, or -1
-    } cases[] = {
-        {"match", right, 9, mac(1), 5},
-        {"other nonce", wrong, 9, mac(1), -1},
-        {"other peer", right, 9, mac(3), -1},
-        {"other type", right, 7, mac(1), -1},
-        {"peer of a request without extra data", right, 9, mac(2), -1},
-    };
-    for (const auto& c : cases) {
+    // By nonce: {nonce, type, peer, identifier found or -1}; the last row is
+    // the peer of a request without extra data.
+    const std::tuple<uint8_t*, int, struct ether_addr, int> cases[] = {{right, 9, mac(1), 5},
+                                                                       {wrong, 9, mac(1), -1},
+                                                                       {right, 9, mac(3), -1},
+                                                                       {right, 7, mac(1), -1},
+                                                                       {right, 9, mac(2), -1}};
+    for (const auto& [nonce, type, peer, mid] : cases) {
         got = {};
-        const int rc = IEEE19051_GetRequestRecordInfoByEnrolleeNonce(c.nonce, c.type, c.peer, &got);
-        EXPECT_EQ(rc == 0 ? got.mid : -1, c.mid) << c.what;
+        const int rc = IEEE19051_GetRequestRecordInfoByEnrolleeNonce(nonce, type, peer, &got);
+        EXPECT_EQ(rc == 0 ? got.mid : -1, mid) << type << " " << int(peer.ether_addr_octet[5]);
     }
     ASSERT_EQ(IEEE19051_GetRequestRecordInfoByDestmac(9, mac(2), &got), 0);
     EXPECT_EQ(got.mid, 6);

@@ -2,13 +2,12 @@
 //
 //   kestr_test_peer flood RATE SECONDS   hostile 1905.1 frames on br0
 //   kestr_test_peer hold-mid-lock        takes the identifier lock and keeps it
-//   kestr_test_peer mid                  prints the next message identifier
 //
 // The flood mixes random bytes, CMDUs whose TLVs run past the frame, WSC
 // messages whose attribute lengths lie, forged Responses under random
 // identifiers and forged M2s under random nonces, all built from the
-// project's own builders and then spoiled. It goes to the multicast address,
-// to broadcast and to whoever it hears, and prints "peer: sent N frames".
+// project's own builders and then spoiled. It goes to the multicast address
+// and to broadcast, and prints "peer: sent N frames".
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
@@ -21,7 +20,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -87,10 +85,6 @@ class Flood {
         f.resize(static_cast<size_t>(n > 0 ? n : 60));
         return f;
     }
-    void learn(const uint8_t* source) {
-        if (heard_.size() < 8 && source[0] != 0x06)
-            heard_.insert(Frame(source, source + 6));
-    }
 
   private:
     uint64_t pick(uint64_t lo, uint64_t hi) {
@@ -99,12 +93,7 @@ class Flood {
     const uint8_t* destination() {
         static const uint8_t kMulticast[6] = {0x01, 0x80, 0xc2, 0x00, 0x00, 0x13};
         static const uint8_t kBroadcast[6] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
-        const uint64_t r = pick(0, 9);
-        if (r < 5 || heard_.empty())
-            return r < 8 ? kMulticast : kBroadcast;
-        auto it = heard_.begin();
-        std::advance(it, static_cast<long>(pick(0, heard_.size() - 1)));
-        return it->data();
+        return pick(0, 4) != 0 ? kMulticast : kBroadcast;
     }
     // A TLV or attribute length somewhere in the frame claims far more.
     void lie_about_length(Frame* f, size_t at) {
@@ -113,7 +102,6 @@ class Flood {
     }
 
     std::mt19937_64 rng_{0x1905};
-    std::set<Frame> heard_;
 };
 
 int flood(int rate, int seconds) {
@@ -128,10 +116,7 @@ int flood(int rate, int seconds) {
     Flood f;
     const auto start = Clock::now();
     long sent = 0;
-    uint8_t in[kCmduMaxFrameLen];
     while (Clock::now() - start < std::chrono::seconds(seconds)) {
-        while (recv(fd.get(), in, sizeof in, 0) >= 12)
-            f.learn(in + 6);
         const Frame frame = f.next();
         if (send(fd.get(), frame.data(), frame.size(), 0) > 0)
             ++sent;
@@ -165,10 +150,6 @@ int main(int argc, char** argv) {
         return flood(std::atoi(args[1].c_str()), std::atoi(args[2].c_str()));
     if (args.size() == 1 && args[0] == "hold-mid-lock")
         return hold_mid_lock();
-    if (args.size() == 1 && args[0] == "mid") {
-        std::printf("peer: mid %d\n", IEEE19051_GenMid());
-        return 0;
-    }
-    std::fprintf(stderr, "usage: kestr_test_peer flood RATE SECONDS | hold-mid-lock | mid\n");
+    std::fprintf(stderr, "usage: kestr_test_peer flood RATE SECONDS | hold-mid-lock\n");
     return 2;
 }

@@ -5,57 +5,33 @@
 #include <cstdio>
 #include <cstdlib>
 #include <regex>
-#include <stdexcept>
 
 namespace kestr::test {
-namespace {
 
-std::string slurp(std::FILE* f) {
-    std::string text;
-    std::rewind(f);
-    char chunk[4096];
-    size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0)
-        text.append(chunk, n);
-    return text;
-}
-
-class Redirect {
-  public:
-    Redirect(int fd, std::FILE* to) : fd_(fd), saved_(dup(fd)) {
-        if (saved_ < 0 || dup2(fileno(to), fd) < 0)
-            throw std::runtime_error("redirect failed");
-    }
-    ~Redirect() {
-        dup2(saved_, fd_);
-        close(saved_);
-    }
-
-  private:
-    int fd_;
-    int saved_;
-};
-
-}  // namespace
-
+// Standard output and standard error go to temporary files while `fn` runs.
 Captured capture_output(const std::function<void()>& fn) {
-    std::FILE* out = std::tmpfile();
-    std::FILE* err = std::tmpfile();
-    if (out == nullptr || err == nullptr)
-        throw std::runtime_error("tmpfile failed");
+    std::FILE* files[2] = {std::tmpfile(), std::tmpfile()};
+    int saved[2] = {-1, -1};
     std::fflush(stdout);
     std::fflush(stderr);
-    {
-        Redirect r1(1, out);
-        Redirect r2(2, err);
-        fn();
-        std::fflush(stdout);
-        std::fflush(stderr);
+    for (int i = 0; i < 2; ++i) {
+        if (files[i] == nullptr || (saved[i] = dup(i + 1)) < 0 || dup2(fileno(files[i]), i + 1) < 0)
+            std::abort();  // a test that cannot see its output must not pass
     }
-    Captured c{slurp(out), slurp(err)};
-    std::fclose(out);
-    std::fclose(err);
-    return c;
+    fn();
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::string text[2];
+    for (int i = 0; i < 2; ++i) {
+        dup2(saved[i], i + 1);
+        close(saved[i]);
+        std::rewind(files[i]);
+        char chunk[4096];
+        for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, files[i])) > 0;)
+            text[i].append(chunk, n);
+        std::fclose(files[i]);
+    }
+    return {text[0], text[1]};
 }
 
 std::string error_line(const std::string& module, const std::string& function, int line,

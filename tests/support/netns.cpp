@@ -29,14 +29,13 @@ void write_proc(const char* path, const char* value) {
         f << value;
 }
 
-}  // namespace
-
-int run_shell(const std::string& command) {
+// Runs `command` through the shell; true when it exits with 0.
+bool run_shell(const std::string& command) {
     const int status = std::system(command.c_str());
-    if (status == -1 || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
+    return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
+
+}  // namespace
 
 std::string enter_namespaces(const NamespaceOptions& options) {
     // Under a user-mode emulator (the big-endian run) a test cannot start the
@@ -69,20 +68,14 @@ std::string enter_namespaces(const NamespaceOptions& options) {
     write_proc("/proc/sys/net/ipv6/conf/all/disable_ipv6", "1");
     write_proc("/proc/sys/net/ipv6/conf/default/disable_ipv6", "1");
 
-    if (run_shell("ip link set lo up") != 0)
-        return "ip link set lo up failed";
-    if (options.bridge) {
-        const char* const steps[] = {
-            "ip link add br0 type bridge",  "ip link add veth0 type veth peer name veth1",
-            "ip link set veth0 master br0", "ip link set veth0 up",
-            "ip link set veth1 up",         "ip link set br0 up",
-        };
-        for (const char* step : steps) {
-            if (run_shell(step) != 0)
-                return std::string("failed: ") + step;
-        }
-    }
-    return "";
+    const std::string steps =
+        std::string("ip link set lo up") +
+        (options.bridge ? " && ip link add br0 type bridge"
+                          " && ip link add veth0 type veth peer name veth1"
+                          " && ip link set veth0 master br0 && ip link set veth0 up"
+                          " && ip link set veth1 up && ip link set br0 up"
+                        : "");
+    return run_shell(steps) ? "" : "failed: " + steps;
 }
 
 std::vector<uint8_t> interface_mac(const std::string& ifname) {

@@ -31,9 +31,6 @@ struct NamespaceOptions {
 // "skip:".
 std::string enter_namespaces(const NamespaceOptions& options = {});
 
-// Runs `command` through the shell; its exit status.
-int run_shell(const std::string& command);
-
 // The hardware address of an interface, or all zero.
 std::vector<uint8_t> interface_mac(const std::string& ifname);
 
