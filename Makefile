@@ -41,13 +41,16 @@ demo: build
 	scripts/install-deps capture
 	tools/demo.sh build
 
-# The whole suite twice: a plain build, then AddressSanitizer +
-# UndefinedBehaviorSanitizer in a build directory of its own; then the threaded and the end-to-end tests once more under
-# ThreadSanitizer, which so watches the real daemon's tasks during clones;
+# First the size of the tests against the code (scripts/test-size), then
+# the whole suite twice: a plain build, then AddressSanitizer +
+# UndefinedBehaviorSanitizer in a build directory of its own; then the
+# threaded and the end-to-end tests once more under ThreadSanitizer, which
+# so watches the real daemon's tasks during clones;
 # then the cross builds of TEST_CROSS_TARGETS under an emulator, each also
 # cloning with this machine's build; last, every fuzz target for a short,
 # bounded time.
 test: deps
+	scripts/test-size
 	$(MAKE) test-plain
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
