@@ -24,7 +24,7 @@ Bytes kwa(const Bytes& plain) {  // the Key Wrap Authenticator attribute over `p
     return {0x10, 0x1e, 0, 8, d[0], d[1], d[2], d[3], d[4], d[5], d[6], d[7]};
 }
 
-wsc_encrypted_settings_t read(Bytes plain) {  // in a buffer of just its length
+wsc_encrypted_settings_t read_plain(Bytes plain) {  // in a buffer of just its length
     wsc_encrypted_settings_t s{};
     KESTR_FUZZ_CHECK(parse_wsc_encrypted_settings_plain(plain.data(), int(plain.size()), &s) == 0 ||
                      plain.empty());
@@ -58,10 +58,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Bytes appended = kwa(plain);
     if (size > 0 && data[0] % 2 == 1)
         plain.insert(plain.end(), appended.begin(), appended.end());
-    const wsc_encrypted_settings_t s = read(plain);
+    const wsc_encrypted_settings_t s = read_plain(plain);
     print_wsc_encrypted_settings(s);
     const Bytes once = rebuilt(s);
-    KESTR_FUZZ_CHECK(rebuilt(read(once)) == once);
+    KESTR_FUZZ_CHECK(rebuilt(read_plain(once)) == once);
 
     // Sealed as the registrar seals it. The Authenticator covers the M1 and
     // the M2's bytes before it; the opener is handed none of the latter, so
