@@ -134,7 +134,7 @@ enrollee_runs() {  # COLUMN ARGS...
 
 # Run time, latency, the burst and memory, against one registrar.
 serving() {  # COLUMN
-    local c=$1 spec n
+    local c=$1 load n
     emu_db_stop enr && emu_db_start enr
     enrollee_runs "$c" --runs 1 --sample-at 1000
     take "$c" enr_idle_ "$W/out"
@@ -144,9 +144,9 @@ serving() {  # COLUMN
     enrollee_runs "$c" --runs $RUNS
     take "$c" run_ "$W/out"
     say "$c" "$RUNS enrollee runs: ${R[$c:run_completed]} completed, median $(ms_text "${R[$c:run_run_median_ms]}")"
-    for spec in $LATENCY; do
-        n=${spec%:*}
-        bench peer m1s --to $REG_MAC --count "$n" --rounds "${spec#*:}"
+    for load in $LATENCY; do
+        n=${load%:*}
+        bench peer m1s --to $REG_MAC --count "$n" --rounds "${load#*:}"
         take "$c" "m1s${n}_" "$W/out"
     done
     R[$c:reg_served]=$(memory "$REG")
@@ -277,8 +277,8 @@ row "enrollee run, p95" "-" ms run_run_p95_ms
 row "outcome line -> exit, median" "<= 50 ms" ms run_tail_median_ms
 row "outcome line -> exit, p95" "-" ms run_tail_p95_ms
 row "runs that completed" "all" count run_completed run_runs
-for spec in $LATENCY; do
-    n=${spec%:*}
+for load in $LATENCY; do
+    n=${load%:*}
     row "M1 -> M2, $n at once: median / max" "-" ms_pair "m1s${n}_median_ms" "m1s${n}_max_ms"
 done
 for kind in version ignored wsc; do

@@ -66,9 +66,9 @@ set_profile() {  # BAND VARIANT
 
 # One enrollee run and its checks.
 run() {  # WORD=OUTCOME
-    local spec=${1%%=*} outcome=${1#*=} n log before
-    local band=${spec%%:*} variant=${spec#*:}
-    [ "$variant" = "$spec" ] || set_profile "$band" "$variant"
+    local word=${1%%=*} outcome=${1#*=} n log before
+    local band=${word%%:*} variant=${word#*:}
+    [ "$variant" = "$word" ] || set_profile "$band" "$variant"
     n=$((++RUNS))
     log=$E2E_DIR/run$n-$band.log
     before=$(count_of "$band")
