@@ -27,8 +27,6 @@ constexpr size_t kSsidMax = 32;
 constexpr size_t kNetworkKeyMax = 64;
 constexpr int kPlainRoom = 254;
 constexpr int kSealBufferLen = 2046;
-constexpr size_t kIvLen = 16;
-constexpr size_t kAuthenticatorLen = 8;
 
 bool serves(Band band) {
     return (band == Band::g5() ? IEEE19051Port_IsSupport5G() : IEEE19051Port_IsSupport2P4G()) != 0;
@@ -75,7 +73,7 @@ void seal(wsc_configuration_1024byte_t* sealed, const wsc_encrypted_settings_t& 
     kestr::SecretBytes<kSealBufferLen> plain;
     const int plain_len = get_plain_by_settings(settings, plain.data(), kPlainRoom, keys.authKey);
     kestr::SecretBytes<kSealBufferLen> cipher;
-    u_int8_t iv[kIvLen] = {};
+    u_int8_t iv[kWscIvLen] = {};
     int cipher_len = 0;
     reg_proto_encrypt_data(plain.data(), plain_len, keys.keyWrapKey, keys.authKey, cipher.data(),
                            &cipher_len, iv);
@@ -189,6 +187,6 @@ int kestr::getWscConfigurationM2(wsc_configuration_t* config, const wsc_configur
     u_int8_t digest[32];
     hmac_sha256_two(keys.authKey, sizeof keys.authKey, m1_bytes.data(), m1_bytes.remaining(),
                     m2_bytes.data(), m2_bytes.remaining(), digest);
-    wsc::set_bytes(&config->authenticator, ConstBytes(digest, kAuthenticatorLen));
+    wsc::set_bytes(&config->authenticator, ConstBytes(digest, kWscAuthenticatorLen));
     return 0;
 }

@@ -18,20 +18,18 @@
 
 namespace {
 
-constexpr size_t kIvLen = 16;
-constexpr int kAuthLen = 8;                                 // KWA and Authenticator
-constexpr int kAuthAttrLen = kWscAttrHeaderLen + kAuthLen;  // 12
+constexpr int kAuthAttrLen = kWscAttrHeaderLen + kWscAuthenticatorLen;  // 12
 constexpr int kPlainWorkLen = 1024;
 constexpr size_t kAuthInputMax = 10240;  // M1 and M2 together, far above two CMDUs
 
 bool present(const wsc_configuration_8byte_t& r) {
-    return r.valid == 1 && r.valid_len == kAuthLen;
+    return r.valid == 1 && r.valid_len == kWscAuthenticatorLen;
 }
 
 // Compares the first 8 bytes of a digest with a received authenticator in
 // time that does not depend on where they differ.
 bool same_authenticator(const u_int8_t* digest, const u_int8_t* received) {
-    return CRYPTO_memcmp(digest, received, kAuthLen) == 0;
+    return CRYPTO_memcmp(digest, received, kWscAuthenticatorLen) == 0;
 }
 
 }  // namespace
@@ -95,8 +93,8 @@ int kestr::IEEE19051_ParseTlvWscEncryptedSettings(const wsc_configuration_t& c, 
     // IV and at least one block of ciphertext.
     ByteReader sealed(c.encrypted_settings.val, std::min<size_t>(c.encrypted_settings.valid_len,
                                                                  sizeof c.encrypted_settings.val));
-    u_int8_t iv[kIvLen];
-    if (sealed.remaining() < kIvLen + 16 || !sealed.bytes(iv, sizeof iv))
+    u_int8_t iv[kWscIvLen];
+    if (sealed.remaining() < sizeof iv + 16 || !sealed.bytes(iv, sizeof iv))
         return -1;
     SecretBytes<kPlainWorkLen> plain;
     int plain_len = -1;

@@ -6,6 +6,7 @@
 
 #include "port/common/bytes.h"
 #include "port/common/report.h"
+#include "wsc/encrypt/encrypt.h"
 #include "wsc/encrypt/secret.h"
 #include "wsc/encrypt/wps_openssl.h"
 #include "wsc/wsc.h"
@@ -13,8 +14,6 @@
 
 namespace {
 
-constexpr int kAuthKeyLen = 32;
-constexpr int kKwaLen = 8;
 constexpr auto kSealOrder = kestr::wsc::in_order<&kestr::wsc::Attribute::sealed_at>();
 
 }  // namespace
@@ -33,9 +32,9 @@ int get_plain_by_settings(wsc_encrypted_settings_t settings, u_int8_t* buf, u_in
 
     // The Key Wrap Authenticator binds everything before it to AuthKey.
     kestr::SecretBytes<32> kwa;
-    hmac_sha256(authkey, kAuthKeyLen, out.data(), out.size(), kwa.data(), nullptr);
+    hmac_sha256(authkey, kWscAuthKeyLen, out.data(), out.size(), kwa.data(), nullptr);
     wsc_configuration_8byte_t record{};
-    kestr::wsc::set_bytes(&record, kestr::ConstBytes(kwa.data(), kKwaLen));
+    kestr::wsc::set_bytes(&record, kestr::ConstBytes(kwa.data(), kWscAuthenticatorLen));
     kestr::wsc::write_field(&out, WSC_ID_KEY_WRAP_AUTH, kestr::wsc::field(record));
     return static_cast<int>(out.size());
 }

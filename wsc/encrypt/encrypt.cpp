@@ -42,7 +42,6 @@ constexpr char kPersonalization[] = "Wi-Fi Easy and Secure Key Derivation";
 constexpr uint32 kPersonalizationLen = sizeof kPersonalization - 1;  // 36
 static_assert(kPersonalizationLen == 36, "the KDF input is 44 bytes");
 
-constexpr int kAuthKeyLen = 32;
 constexpr int kKeyWrapKeyLen = 16;
 constexpr int kEmskLen = 32;
 constexpr int kSha256Len = 32;
@@ -187,8 +186,8 @@ int get_keys(u_int8_t* received_public_key, DH* our_DHSecret, u_int8_t* enrollee
         buffobj_RewindLength(out, buffobj_Length(out)) == nullptr) {
         return -1;
     }
-    std::memcpy(keys->authKey, buffobj_Pos(out), kAuthKeyLen);
-    buffobj_Advance(out, kAuthKeyLen);
+    std::memcpy(keys->authKey, buffobj_Pos(out), kWscAuthKeyLen);
+    buffobj_Advance(out, kWscAuthKeyLen);
     std::memcpy(keys->keyWrapKey, buffobj_Pos(out), kKeyWrapKeyLen);
     buffobj_Advance(out, kKeyWrapKeyLen);
     std::memcpy(keys->emsk, buffobj_Pos(out), kEmskLen);

@@ -25,12 +25,16 @@
 
 constexpr int kDhPublicKeyLen = 192;  // bytes of a public value or shared secret
 constexpr int kWscNonceLen = 16;
+constexpr int kWscIvLen = 16;       // before the ciphertext of the Encrypted Settings
+constexpr int kWscAuthKeyLen = 32;  // AuthKey, the HMAC key of both authenticators
+// The Authenticator and the Key Wrap Authenticator: an HMAC's first 64 bits.
+constexpr int kWscAuthenticatorLen = 8;
 constexpr int kWscKdfBits = 640;  // AuthKey + KeyWrapKey + EMSK
 
 typedef struct {
-    u_int8_t authKey[32];     // keys the Authenticator and the Key Wrap Authenticator
-    u_int8_t keyWrapKey[16];  // AES-128 key of the Encrypted Settings
-    u_int8_t emsk[32];        // derived and kept; nothing uses it
+    u_int8_t authKey[kWscAuthKeyLen];  // keys the Authenticator and the Key Wrap Authenticator
+    u_int8_t keyWrapKey[16];           // AES-128 key of the Encrypted Settings
+    u_int8_t emsk[32];                 // derived and kept; nothing uses it
 } wps_keys_t;
 
 // The group: the RFC 3526 1536-bit prime, big-endian, and the generator 2
